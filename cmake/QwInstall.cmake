@@ -1,0 +1,19 @@
+# Installs headers, the library and a package config so that find_package(quelworks CONFIG) works.
+include(CMakePackageConfigHelpers)
+
+install(TARGETS quelworks EXPORT quelworksTargets
+    RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/quelworks DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(EXPORT quelworksTargets
+    NAMESPACE quelworks::
+    DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/quelworks)
+configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/quelworksConfig.cmake.in
+    ${PROJECT_BINARY_DIR}/quelworksConfig.cmake
+    INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/quelworks)
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/quelworksConfigVersion.cmake
+    COMPATIBILITY SameMajorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/quelworksConfig.cmake
+    ${PROJECT_BINARY_DIR}/quelworksConfigVersion.cmake
+    DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/quelworks)

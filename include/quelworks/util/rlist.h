@@ -1,0 +1,238 @@
+// RList: the library's singly linked list with a stable, relinking merge sort.
+//
+// The list owns its nodes but never what pointer elements point to: freeing an RList<char*> leaves
+// the strings allocated (they belong to whoever filled the list).
+#ifndef QUELWORKS_UTIL_RLIST_H
+#define QUELWORKS_UTIL_RLIST_H
+
+#include <cstdint>
+
+#include "quelworks/export.h"
+
+template <typename T>
+struct Node {
+    T data;
+    Node<T>* pNext;
+};
+
+template <typename T>
+class Iter {
+public:
+    Node<T>* pNode;
+
+    Iter() : pNode(nullptr) {}
+    explicit Iter(Node<T>* node) : pNode(node) {}
+
+    T& operator*() const { return pNode->data; }
+    T* operator->() const { return &pNode->data; }
+    Iter& operator++() {
+        pNode = pNode->pNext;
+        return *this;
+    }
+    Iter operator++(int) {
+        Iter old = *this;
+        pNode = pNode->pNext;
+        return old;
+    }
+    bool operator==(const Iter& other) const { return pNode == other.pNode; }
+    bool operator!=(const Iter& other) const { return pNode != other.pNode; }
+};
+
+// A sort key for ranking the elements of another list: `index` is the element's position there.
+struct SortObject {
+    std::int32_t index;
+    float distance;
+};
+
+// Three-way comparator: -1 when left comes before right, 0 when equal, anything else otherwise.
+template <typename T>
+struct CompareStruct {
+    std::int32_t (*compare)(T left, T right);
+};
+
+template <typename T>
+class RList {
+public:
+    Node<T>* pFront;
+    Node<T>* pRear;
+    std::int32_t count;
+    // 1 after construction, free() and msort(); 0 after push_back(). The list never reads it.
+    bool sorted;
+
+    RList();
+    RList(const RList& other);
+    // Deep copy, so that assigning one list to another never shares (and double-frees) nodes.
+    RList& operator=(const RList& other);
+    ~RList();
+
+    void push_back(T value);
+    // Walks from the front on every call; i <= 0 gives the first element. No bounds check.
+    T& operator[](int i);
+    std::int32_t length() const;
+    Iter<T> begin();
+    Iter<T> end();
+    void free();
+    void msort(CompareStruct<T> cmp);
+    void set_pFront_pRear(Node<T>* node);
+    void update_pRear();
+
+private:
+    void merge_sort(Node<T>*& head, int n, CompareStruct<T> cmp);
+    Node<T>* merge(Node<T>* a, Node<T>* b, CompareStruct<T> cmp);
+    // Cuts the chain at `head` after `firstLength` nodes and returns the head of the rest.
+    static Node<T>* split(Node<T>* head, int firstLength);
+};
+
+template <typename T>
+RList<T>::RList() : pFront(nullptr), pRear(nullptr), count(0), sorted(true) {}
+
+template <typename T>
+RList<T>::RList(const RList& other) : pFront(nullptr), pRear(nullptr), count(0), sorted(true) {
+    for (Node<T>* n = other.pFront; n != nullptr; n = n->pNext) push_back(n->data);
+    sorted = other.sorted;
+}
+
+template <typename T>
+RList<T>& RList<T>::operator=(const RList& other) {
+    if (this != &other) {
+        RList copy(other);
+        free();
+        pFront = copy.pFront;
+        pRear = copy.pRear;
+        count = copy.count;
+        sorted = copy.sorted;
+        copy.pFront = copy.pRear = nullptr;
+        copy.count = 0;
+    }
+    return *this;
+}
+
+template <typename T>
+RList<T>::~RList() {
+    free();
+}
+
+template <typename T>
+void RList<T>::push_back(T value) {
+    Node<T>* node = new Node<T>{value, nullptr};
+    if (pFront == nullptr) {
+        pFront = node;
+    } else {
+        pRear->pNext = node;
+    }
+    ++count;
+    pRear = node;
+    sorted = false;
+}
+
+template <typename T>
+T& RList<T>::operator[](int i) {
+    Node<T>* n = pFront;
+    for (int k = 0; k < i; ++k) n = n->pNext;
+    return n->data;
+}
+
+template <typename T>
+std::int32_t RList<T>::length() const {
+    return count;
+}
+
+template <typename T>
+Iter<T> RList<T>::begin() {
+    return Iter<T>(pFront);
+}
+
+template <typename T>
+Iter<T> RList<T>::end() {
+    return Iter<T>(nullptr);
+}
+
+template <typename T>
+void RList<T>::free() {
+    Node<T>* n = pFront;
+    while (n != nullptr) {
+        Node<T>* next = n->pNext;
+        delete n;
+        n = next;
+    }
+    pFront = pRear = nullptr;
+    count = 0;
+    sorted = true;
+}
+
+template <typename T>
+Node<T>* RList<T>::split(Node<T>* head, int firstLength) {
+    Node<T>* last = head;
+    for (int k = 1; k < firstLength; ++k) last = last->pNext;
+    Node<T>* second = last->pNext;
+    last->pNext = nullptr;
+    return second;
+}
+
+template <typename T>
+void RList<T>::msort(CompareStruct<T> cmp) {
+    const int n = count;
+    Node<T>* front = pFront;
+    if (n >= 2) {
+        const int firstLength = n - n / 2;
+        Node<T>* second = split(front, firstLength);
+        merge_sort(front, firstLength, cmp);
+        merge_sort(second, n / 2, cmp);
+        front = merge(front, second, cmp);
+    }
+    set_pFront_pRear(front);
+    sorted = true;
+}
+
+template <typename T>
+void RList<T>::merge_sort(Node<T>*& head, int n, CompareStruct<T> cmp) {
+    if (n < 2) return;
+    const int firstLength = n - n / 2;
+    Node<T>* second = split(head, firstLength);
+    merge_sort(head, firstLength, cmp);
+    merge_sort(second, n / 2, cmp);
+    head = merge(head, second, cmp);
+}
+
+template <typename T>
+Node<T>* RList<T>::merge(Node<T>* a, Node<T>* b, CompareStruct<T> cmp) {
+    if (a == nullptr) return b;
+    if (b == nullptr) return a;
+    // Equal elements are taken from `a` (the earlier chain), which makes the sort stable. The
+    // comparator is asked twice when the first answer is not -1; callers may observe that.
+    Node<T>* head = nullptr;
+    Node<T>** link = &head;
+    while (a != nullptr && b != nullptr) {
+        if (cmp.compare(a->data, b->data) == -1 || cmp.compare(a->data, b->data) == 0) {
+            *link = a;
+            link = &a->pNext;
+            a = a->pNext;
+        } else {
+            *link = b;
+            link = &b->pNext;
+            b = b->pNext;
+        }
+    }
+    *link = (a != nullptr) ? a : b;
+    return head;
+}
+
+template <typename T>
+void RList<T>::set_pFront_pRear(Node<T>* node) {
+    pFront = node;
+    pRear = node;
+    if (node != nullptr) {
+        while (pRear->pNext != nullptr) pRear = pRear->pNext;
+    }
+}
+
+template <typename T>
+void RList<T>::update_pRear() {
+    set_pFront_pRear(pFront);
+}
+
+QUELWORKS_EXTERN_TEMPLATE RList<char*>;
+QUELWORKS_EXTERN_TEMPLATE RList<wchar_t*>;
+QUELWORKS_EXTERN_TEMPLATE RList<SortObject>;
+
+#endif  // QUELWORKS_UTIL_RLIST_H

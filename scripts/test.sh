@@ -1,0 +1,76 @@
+#!/usr/bin/env bash
+# Builds and runs the whole quelworks test suite:
+#   format   clang-format check of every C++ file
+#   dev      Debug build (warnings as errors), all tests
+#   asan     AddressSanitizer + UndefinedBehaviorSanitizer build, all tests
+#   tsan     ThreadSanitizer build, the tests labelled "threads"
+#   fuzz     clang libFuzzer build: corpus replay, then each harness fuzzed for a bounded time
+#   consumer install the library and build a separate project against it with find_package
+# Choose stages with QW_STAGES="dev asan" (default: all); QW_FUZZ_SECONDS sets the fuzzing time
+# per harness (default 20).
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+stages=${QW_STAGES:-"format dev asan tsan fuzz consumer"}
+fuzz_seconds=${QW_FUZZ_SECONDS:-20}
+jobs=${QW_JOBS:-$(nproc)}
+
+bash scripts/install-deps.sh
+
+start_all=$SECONDS
+step() { printf '\n=== %s ===\n' "$*"; }
+has() { [[ " $stages " == *" $1 "* ]]; }
+
+build_and_test() {  # preset [ctest args...]
+    local preset=$1
+    shift
+    step "build: $preset"
+    cmake --preset "$preset" >/dev/null
+    cmake --build --preset "$preset" -j "$jobs"
+    step "test: $preset"
+    ctest --preset "$preset" -j "$jobs" "$@"
+}
+
+if has format; then
+    step "format check"
+    files=$(git ls-files '*.h' '*.hpp' '*.cpp' '*.cc' 2>/dev/null || find include src tests tools bench fuzz examples -name '*.[ch]pp' -o -name '*.h')
+    echo "$files" | xargs -r clang-format --dry-run -Werror
+    echo "formatted: $(echo "$files" | wc -l) files"
+fi
+
+has dev && build_and_test dev
+has asan && build_and_test asan
+has tsan && build_and_test tsan -L threads
+
+if has fuzz; then
+    step "build: fuzz"
+    cmake --preset fuzz >/dev/null
+    cmake --build --preset fuzz -j "$jobs"
+    step "test: fuzz corpus replay"
+    ctest --test-dir build/fuzz -L fuzz --output-on-failure -j "$jobs"
+    for fuzzer in build/fuzz/fuzz/fuzz_*; do
+        [ -x "$fuzzer" ] || continue
+        name=${fuzzer##*/fuzz_}
+        step "fuzzing $name for ${fuzz_seconds}s"
+        work=$(mktemp -d)
+        cp -r "fuzz/corpus/$name/." "$work/" 2>/dev/null || true
+        (cd "$work" && "$OLDPWD/$fuzzer" -max_total_time="$fuzz_seconds" -timeout=10 -rss_limit_mb=2048 \
+            -print_final_stats=1 . 2>&1 | tail -n 8)
+        rm -rf "$work"
+    done
+fi
+
+if has consumer; then
+    step "consumer: install and find_package"
+    prefix=$(mktemp -d)
+    cmake --preset release >/dev/null
+    cmake --build --preset release -j "$jobs" --target quelworks
+    cmake --install build/release --prefix "$prefix" >/dev/null
+    rm -rf build/consumer
+    cmake -S tests/consumer -B build/consumer -G Ninja -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
+    cmake --build build/consumer
+    LD_LIBRARY_PATH="$prefix/lib:$prefix/lib64${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH}" build/consumer/consumer
+    rm -rf "$prefix"
+fi
+
+step "all stages passed in $((SECONDS - start_all)) s: $stages"
