@@ -4,8 +4,20 @@
 
 #include "quelworks/export.h"
 
+// Serial communication
+#include "quelworks/serial/communicator.h"
+#include "quelworks/serial/port_settings.h"
+#include "quelworks/serial/receive_buffer.h"
+#include "quelworks/serial/rs232.h"
+#include "quelworks/serial/rs232_async.h"
+
 // Containers, conversions and interpolation
 #include "quelworks/util/conversions.h"
 #include "quelworks/util/rlist.h"
+
+// Plane geometry and camera calibration
+#include "quelworks/geometry/coordinate_transformation.h"
+#include "quelworks/geometry/shapes.h"
+#include "quelworks/geometry/vector2f.h"
 
 #endif  // QUELWORKS_QUELWORKS_H
