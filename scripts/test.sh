@@ -6,20 +6,26 @@
 #   tsan     ThreadSanitizer build, the tests labelled "threads"
 #   fuzz     clang libFuzzer build: corpus replay, then each harness fuzzed for a bounded time
 #   consumer install the library and build a separate project against it with find_package
+#   windows  mingw-w64 cross-build of the DLL and the tests, run under Wine in a private prefix
 # Choose stages with QW_STAGES="dev asan" (default: all); QW_FUZZ_SECONDS sets the fuzzing time
 # per harness (default 20).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-stages=${QW_STAGES:-"format dev asan tsan fuzz consumer"}
+stages=${QW_STAGES:-"format dev asan tsan fuzz consumer windows"}
 fuzz_seconds=${QW_FUZZ_SECONDS:-20}
 jobs=${QW_JOBS:-$(nproc)}
 
-bash scripts/install-deps.sh
-
-start_all=$SECONDS
 step() { printf '\n=== %s ===\n' "$*"; }
 has() { [[ " $stages " == *" $1 "* ]]; }
+
+if has windows; then
+    bash scripts/install-deps.sh --windows
+else
+    bash scripts/install-deps.sh
+fi
+
+start_all=$SECONDS
 
 build_and_test() {  # preset [ctest args...]
     local preset=$1
@@ -71,6 +77,19 @@ if has consumer; then
     cmake --build build/consumer
     LD_LIBRARY_PATH="$prefix/lib:$prefix/lib64${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH}" build/consumer/consumer
     rm -rf "$prefix"
+fi
+
+if has windows; then
+    step "build: mingw (Windows DLL)"
+    cmake --preset mingw >/dev/null
+    cmake --build --preset mingw -j "$jobs"
+    step "test: mingw under Wine"
+    # shellcheck source=scripts/wine-env.sh
+    source scripts/wine-env.sh
+    trap qw_wine_stop EXIT
+    ctest --preset mingw -j "$jobs"
+    qw_wine_stop
+    trap - EXIT
 fi
 
 step "all stages passed in $((SECONDS - start_all)) s: $stages"

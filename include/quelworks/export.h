@@ -22,13 +22,9 @@
 #endif
 
 // Explicit template instantiations are declared `extern` in headers (so users do not instantiate
-// them again) and defined once inside the library. On ELF the visibility attribute goes on the
-// declaration only; DLLs want dllimport on the declaration and dllexport on the definition.
+// them again) and defined once inside the library. The export attribute goes on the declaration,
+// which the definition in the library's source inherits (GCC ignores it on the definition).
 #define QUELWORKS_EXTERN_TEMPLATE extern template class QUELWORKS_API
-#if defined(_WIN32) || defined(__CYGWIN__)
-#define QUELWORKS_TEMPLATE template class QUELWORKS_API
-#else
 #define QUELWORKS_TEMPLATE template class
-#endif
 
 #endif  // QUELWORKS_EXPORT_H
