@@ -48,6 +48,9 @@ public:
     void GetCOMPorts(RList<char*>* ports);
 
 private:
+    // The asynchronous link reaches into its own port to interrupt a blocked read.
+    friend class RS232Async;
+
     bool OpenPort(char* name);
     bool ConfigurePort(unsigned long baudRate, unsigned char byteSize, unsigned long parityCheck,
                        unsigned char parity, unsigned char stopBits);
