@@ -15,6 +15,9 @@
 #include "quelworks/util/conversions.h"
 #include "quelworks/util/rlist.h"
 
+// INI files
+#include "quelworks/ini/ini_file.h"
+
 // Plane geometry and camera calibration
 #include "quelworks/geometry/coordinate_transformation.h"
 #include "quelworks/geometry/shapes.h"

@@ -1,0 +1,42 @@
+// Whole-file reading and crash-safe whole-file replacing, one implementation per OS
+// (file_posix.cpp, file_win32.cpp).
+#ifndef QUELWORKS_SRC_PLATFORM_FILE_H
+#define QUELWORKS_SRC_PLATFORM_FILE_H
+
+#include <string>
+#include <string_view>
+
+namespace quelworks::platform {
+
+// Text written to files ends its lines with CR LF on Windows, with a bare LF elsewhere.
+#if defined(_WIN32)
+inline constexpr bool kCrLfLineEnds = true;
+#else
+inline constexpr bool kCrLfLineEnds = false;
+#endif
+
+// Reads the whole file into `contents` (replacing what it held) with as few reads as the OS
+// allows. False, with `contents` untouched, when the file cannot be opened for reading: it does
+// not exist, access is denied, or the name is a folder.
+bool readWholeFile(const std::string& path, std::string& contents);
+
+enum class WriteResult {
+    Written,     // the file now holds exactly the new bytes
+    CannotOpen,  // the file cannot be opened for writing; nothing was changed
+    Failed,      // writing failed (disk full, I/O error); the file holds its old bytes
+};
+
+// Replaces the file's whole content with `bytes`, creating the file when it does not exist.
+//
+// The new bytes go to a temporary file in the same folder, which is flushed to disk and then put
+// in the original's place, so that a crash or a full disk never leaves a half-written file. The
+// original's permissions (and owner, where that can be set) are given to the new file; a symbolic
+// link is followed and the file it points to is replaced, the link stays. When no temporary file
+// can be made there (a folder without write access, a file with several hard links, something that
+// is not a regular file), the file is rewritten in place instead, which is not crash-safe; a
+// failure then reports Failed although the file may be cut short.
+WriteResult replaceWholeFile(const std::string& path, std::string_view bytes);
+
+}  // namespace quelworks::platform
+
+#endif  // QUELWORKS_SRC_PLATFORM_FILE_H
