@@ -1,0 +1,149 @@
+// quelworks-devsim: a simulated device on a pseudo-terminal. Prints the port to open on its first
+// line and serves until interrupted (SIGINT or SIGTERM).
+#include <signal.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <fstream>
+#include <iostream>
+#include <memory>
+#include <string>
+
+#include "pty_server.h"
+
+namespace {
+
+quelworks::devsim::PtyServer* g_server = nullptr;
+
+void onSignal(int) {
+    if (g_server) g_server->requestStop();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    using quelworks::devsim::DeviceConfig;
+    DeviceConfig config;
+    std::string imageOut, tracePath, linkPath, lineRate = "0";
+    int replyDelayMs = 0;
+
+    CLI::App app{
+        "Simulated quelworks device: serves the bootloader protocol on a pseudo-terminal.\n"
+        "Prints the port path on the first line, then runs until SIGINT or SIGTERM.\n"
+        "Numbers may be given in hex (0x...)."};
+    app.option_defaults()->always_capture_default();
+
+    auto identity = "Identity";
+    app.add_option("--type", config.deviceType, "device type")->group(identity);
+    app.add_flag("--one-byte-type", config.oneByteType,
+                 "answer the type request with one data byte (older devices)")
+        ->group(identity);
+    app.add_option("--sub-type", config.subType, "device sub-type")->group(identity);
+    app.add_option("--revision", config.revision, "hardware revision")->group(identity);
+    app.add_option("--firmware", config.firmwareVersion, "firmware version")->group(identity);
+    app.add_option("--bootloader", config.bootloaderVersion,
+                   "bootloader version (above 1 expects the enter text)")
+        ->group(identity);
+    app.add_option("--serial", config.serialNumber, "serial number (8 characters)")
+        ->group(identity);
+    app.add_option("--description", config.description, "free-text description")->group(identity);
+    app.add_option("--max-baud", config.maxBaudrate, "highest baud rate")->group(identity);
+    app.add_option("--block-size", config.blockSize, "firmware block size in bytes")
+        ->check(CLI::Range(1u, 65536u))
+        ->group(identity);
+    app.add_option("--param2", config.programParameter2, "second program parameter")
+        ->group(identity);
+    app.add_flag("--program-mode", config.startInProgramMode, "start in programming mode")
+        ->group(identity);
+
+    auto faults = "Faults";
+    app.add_option("--wrong-echo", config.wrongEchoFor,
+                   "spoil the echo of the replies to this request byte (e.g. 0x17)")
+        ->group(faults);
+    app.add_option("--wrong-echo-times", config.wrongEchoTimes,
+                   "spoil only this many of them (default: all)")
+        ->group(faults);
+    app.add_flag("--silent", config.silent, "never answer")->group(faults);
+    app.add_option("--reply-delay", replyDelayMs, "delay every reply by this many ms")
+        ->check(CLI::NonNegativeNumber)
+        ->group(faults);
+    app.add_option("--reject-block", config.rejectBlock, "refuse this block (1 = the first)")
+        ->group(faults);
+    app.add_flag("--never-enter", config.neverEnterProgramMode, "never enter programming mode")
+        ->group(faults);
+    app.add_option("--polls", config.pollsBeforeProgramMode,
+                   "program-mode queries answered \"not yet\" after the enter request")
+        ->group(faults);
+
+    app.add_option("--line-rate", lineRate,
+                   "emulate a line of this many baud (each byte takes 10 bit times); 'device' "
+                   "follows the device's own rate (9600, then the maximum after a switch); 0: off");
+    app.add_option("--image-out", imageOut, "write each completely received image to this file");
+    app.add_option("--trace", tracePath,
+                   "log every request the device sees to this file ('-': standard error)");
+    app.add_option("--link", linkPath, "also make this path a symbolic link to the port");
+
+    CLI11_PARSE(app, argc, argv);
+
+    if (lineRate == "device") {
+        config.lineFollowsBaud = true;
+    } else {
+        try {
+            std::size_t used = 0;
+            unsigned long rate = std::stoul(lineRate, &used, 0);
+            if (used != lineRate.size()) throw std::invalid_argument(lineRate);
+            config.lineRate = static_cast<std::uint32_t>(rate);
+        } catch (const std::exception&) {
+            std::cerr << "quelworks-devsim: --line-rate wants a number of baud or 'device', not '"
+                      << lineRate << "'\n";
+            return 2;
+        }
+    }
+    config.replyDelay = std::chrono::milliseconds(replyDelayMs);
+
+    quelworks::devsim::PtyServer server(config, imageOut);
+    std::string error;
+    if (!server.open(&error)) {
+        std::cerr << "quelworks-devsim: " << error << "\n";
+        return 1;
+    }
+
+    std::unique_ptr<std::ofstream> traceFile;
+    if (tracePath == "-") {
+        server.setTrace([](const std::string& line) { std::cerr << line << '\n'; });
+    } else if (!tracePath.empty()) {
+        traceFile = std::make_unique<std::ofstream>(tracePath);
+        if (!*traceFile) {
+            std::cerr << "quelworks-devsim: cannot write the trace to '" << tracePath << "'\n";
+            return 1;
+        }
+        std::ofstream* out = traceFile.get();
+        server.setTrace([out](const std::string& line) { *out << line << '\n' << std::flush; });
+    }
+
+    if (!linkPath.empty()) {
+        ::unlink(linkPath.c_str());
+        if (::symlink(server.portPath().c_str(), linkPath.c_str()) != 0) {
+            std::cerr << "quelworks-devsim: cannot link '" << linkPath << "' to the port\n";
+            return 1;
+        }
+    }
+
+    g_server = &server;
+    struct sigaction action = {};
+    action.sa_handler = onSignal;
+    sigemptyset(&action.sa_mask);
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+    signal(SIGPIPE, SIG_IGN);
+
+    std::cout << server.portPath() << std::endl;
+    server.run();
+    g_server = nullptr;
+
+    if (!linkPath.empty()) ::unlink(linkPath.c_str());
+    std::string problems = server.problems();
+    if (!problems.empty()) std::cerr << "quelworks-devsim: " << problems << "\n";
+    return 0;
+}
