@@ -26,6 +26,24 @@ else
 fi
 
 start_all=$SECONDS
+total_passed=0
+total_failed=0
+ctest_log=$(mktemp)
+# Runs ctest, keeping its output for the closing count.
+run_ctest() {
+    local rc=0
+    ctest "$@" 2>&1 | tee "$ctest_log" || rc=$?
+    local line passed total
+    line=$(grep -E 'tests passed, [0-9]+ tests? failed out of [0-9]+' "$ctest_log" | tail -n 1 || true)
+    if [ -n "$line" ]; then
+        total=$(sed -E 's/.* out of ([0-9]+).*/\1/' <<<"$line")
+        failed=$(sed -E 's/.*tests passed, ([0-9]+) tests? failed.*/\1/' <<<"$line")
+        passed=$((total - failed))
+        total_passed=$((total_passed + passed))
+        total_failed=$((total_failed + failed))
+    fi
+    return $rc
+}
 
 build_and_test() {  # preset [ctest args...]
     local preset=$1
@@ -34,7 +52,7 @@ build_and_test() {  # preset [ctest args...]
     cmake --preset "$preset" >/dev/null
     cmake --build --preset "$preset" -j "$jobs"
     step "test: $preset"
-    ctest --preset "$preset" -j "$jobs" "$@"
+    run_ctest --preset "$preset" -j "$jobs" "$@"
 }
 
 if has format; then
@@ -53,7 +71,7 @@ if has fuzz; then
     cmake --preset fuzz >/dev/null
     cmake --build --preset fuzz -j "$jobs"
     step "test: fuzz corpus replay"
-    ctest --test-dir build/fuzz -L fuzz --output-on-failure -j "$jobs"
+    run_ctest --test-dir build/fuzz -L fuzz --output-on-failure -j "$jobs"
     for fuzzer in build/fuzz/fuzz/fuzz_*; do
         [ -x "$fuzzer" ] || continue
         name=${fuzzer##*/fuzz_}
@@ -87,9 +105,11 @@ if has windows; then
     # shellcheck source=scripts/wine-env.sh
     source scripts/wine-env.sh
     trap qw_wine_stop EXIT
-    ctest --preset mingw -j "$jobs"
+    run_ctest --preset mingw -j "$jobs"
     qw_wine_stop
     trap - EXIT
 fi
 
+rm -f "$ctest_log"
 step "all stages passed in $((SECONDS - start_all)) s: $stages"
+echo "tests: ${total_passed} passed, ${total_failed} failed"
