@@ -27,6 +27,22 @@ namespace {
 constexpr double kPi = 3.141592653589793;
 constexpr double kTwoPi = 6.283185307179586;
 
+// Single-precision cosine, sine and arc cosine, evaluated in double and rounded once to float.
+// The float functions of the C runtimes differ in the last bit from one platform to the next;
+// these roundings give the same bits with glibc and the Windows runtimes (for |x| < 2^22, that is
+// rotations below about 2.4e8 degrees), and are the correctly rounded value in all but rare cases.
+float cosF(float x) {
+    return static_cast<float>(std::cos(static_cast<double>(x)));
+}
+
+float sinF(float x) {
+    return static_cast<float>(std::sin(static_cast<double>(x)));
+}
+
+float acosF(float x) {
+    return static_cast<float>(std::acos(static_cast<double>(x)));
+}
+
 float length(float x, float y) {
     return std::sqrt(x * x + y * y);
 }
@@ -171,8 +187,8 @@ Vector2f Vector2f::GetRightNormal(Vector2f v) {
 Vector2f Vector2f::Rotate(float angle, Vector2f centre, Vector2f p) {
     // The product with pi is formed in double and rounded to float before the division.
     const float r = static_cast<float>(static_cast<double>(angle) * kPi) / 180.0f;
-    const float c = std::cos(r);
-    const float s = std::sin(r);
+    const float c = cosF(r);
+    const float s = sinF(r);
     const float dx = p.x - centre.x;
     const float dy = p.y - centre.y;
     return Vector2f(dx * c - dy * s + centre.x, dx * s + dy * c + centre.y);
@@ -219,7 +235,7 @@ float Vector2f::GetYDistanceF(Vector2f a, Vector2f b) {
 float Vector2f::Angle(Vector2f a, Vector2f b) {
     const float cross = a.x * b.y - a.y * b.x;
     const float dot = a.x * b.x + a.y * b.y;
-    const float t = std::acos(dot / (length(a.x, a.y) * length(b.x, b.y)));
+    const float t = acosF(dot / (length(a.x, a.y) * length(b.x, b.y)));
     // +1 or -1; NaN when the vectors are collinear (cross is 0).
     const float sign = cross / static_cast<float>(std::fabs(static_cast<double>(cross)));
     const float r = t * sign;
@@ -232,7 +248,7 @@ float Vector2f::Angle(Vector2f a, Vector2f b) {
 
 float Vector2f::AngleEX(Vector2f a, Vector2f b) {
     const float q = (a.x * b.x + a.y * b.y) / (length(a.x, a.y) * length(b.x, b.y));
-    return static_cast<float>(static_cast<double>(std::cos(q) * 360.0f) / kTwoPi);
+    return static_cast<float>(static_cast<double>(cosF(q) * 360.0f) / kTwoPi);
 }
 
 Vector2f Vector2f::FlipH(Vector2f a, Vector2f b) {
