@@ -6,6 +6,7 @@
 
 // Serial communication
 #include "quelworks/serial/communicator.h"
+#include "quelworks/serial/crc_ccitt.h"
 #include "quelworks/serial/port_settings.h"
 #include "quelworks/serial/receive_buffer.h"
 #include "quelworks/serial/rs232.h"
@@ -13,6 +14,7 @@
 
 // Containers, conversions and interpolation
 #include "quelworks/util/conversions.h"
+#include "quelworks/util/linear_interpolation.h"
 #include "quelworks/util/rlist.h"
 
 // INI files

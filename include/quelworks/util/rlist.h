@@ -9,6 +9,13 @@
 
 #include "quelworks/export.h"
 
+// A hint to start loading the memory at p; it never faults, whatever p is.
+#if defined(__GNUC__) || defined(__clang__)
+#define QUELWORKS_PREFETCH(p) __builtin_prefetch(p)
+#else
+#define QUELWORKS_PREFETCH(p) ((void)0)
+#endif
+
 template <typename T>
 struct Node {
     T data;
@@ -77,10 +84,27 @@ public:
     void update_pRear();
 
 private:
+    using CompareFn = std::int32_t (*)(T, T);
+
     void merge_sort(Node<T>*& head, int n, CompareStruct<T> cmp);
     Node<T>* merge(Node<T>* a, Node<T>* b, CompareStruct<T> cmp);
-    // Cuts the chain at `head` after `firstLength` nodes and returns the head of the rest.
-    static Node<T>* split(Node<T>* head, int firstLength);
+
+    // The sort proper. sortRun() sorts the next n nodes of the chain at `head` (n >= 1), leaves
+    // `head` at the node after them and returns the sorted run with its last node. It splits and
+    // merges exactly like merge_sort (first part n - n/2 nodes, left before right), so the
+    // comparator sees the same calls in the same order, but it never walks a chain to find a
+    // split point or the rear: runs are taken off the front as the recursion reaches them, and
+    // every merge knows its last node.
+    struct Run {
+        Node<T>* head;
+        Node<T>* tail;
+    };
+    static Run sortRun(Node<T>*& head, int n, CompareFn compare);
+    static Run mergeRuns(Run a, Run b, CompareFn compare);
+    // Takes the node of `a` when the comparator answers -1 or, asked a second time, 0.
+    static bool takeLeft(const Node<T>* a, const Node<T>* b, CompareFn compare) {
+        return compare(a->data, b->data) == -1 || compare(a->data, b->data) == 0;
+    }
 };
 
 template <typename T>
@@ -161,49 +185,41 @@ void RList<T>::free() {
 }
 
 template <typename T>
-Node<T>* RList<T>::split(Node<T>* head, int firstLength) {
-    Node<T>* last = head;
-    for (int k = 1; k < firstLength; ++k) last = last->pNext;
-    Node<T>* second = last->pNext;
-    last->pNext = nullptr;
-    return second;
-}
-
-template <typename T>
 void RList<T>::msort(CompareStruct<T> cmp) {
     const int n = count;
-    Node<T>* front = pFront;
     if (n >= 2) {
-        const int firstLength = n - n / 2;
-        Node<T>* second = split(front, firstLength);
-        merge_sort(front, firstLength, cmp);
-        merge_sort(second, n / 2, cmp);
-        front = merge(front, second, cmp);
+        Node<T>* rest = pFront;
+        const Run run = sortRun(rest, n, cmp.compare);
+        pFront = run.head;
+        pRear = run.tail;
+        if (rest != nullptr) {
+            // More nodes than `count` (a client edited the links): keep them, behind the run.
+            run.tail->pNext = rest;
+            update_pRear();
+        }
+    } else {
+        set_pFront_pRear(pFront);
     }
-    set_pFront_pRear(front);
     sorted = true;
 }
 
 template <typename T>
 void RList<T>::merge_sort(Node<T>*& head, int n, CompareStruct<T> cmp) {
     if (n < 2) return;
-    const int firstLength = n - n / 2;
-    Node<T>* second = split(head, firstLength);
-    merge_sort(head, firstLength, cmp);
-    merge_sort(second, n / 2, cmp);
-    head = merge(head, second, cmp);
+    Node<T>* rest = head;
+    const Run run = sortRun(rest, n, cmp.compare);
+    run.tail->pNext = rest;  // nothing for an exact chain; keeps any further nodes reachable
+    head = run.head;
 }
 
 template <typename T>
 Node<T>* RList<T>::merge(Node<T>* a, Node<T>* b, CompareStruct<T> cmp) {
     if (a == nullptr) return b;
     if (b == nullptr) return a;
-    // Equal elements are taken from `a` (the earlier chain), which makes the sort stable. The
-    // comparator is asked twice when the first answer is not -1; callers may observe that.
     Node<T>* head = nullptr;
     Node<T>** link = &head;
     while (a != nullptr && b != nullptr) {
-        if (cmp.compare(a->data, b->data) == -1 || cmp.compare(a->data, b->data) == 0) {
+        if (takeLeft(a, b, cmp.compare)) {
             *link = a;
             link = &a->pNext;
             a = a->pNext;
@@ -215,6 +231,90 @@ Node<T>* RList<T>::merge(Node<T>* a, Node<T>* b, CompareStruct<T> cmp) {
     }
     *link = (a != nullptr) ? a : b;
     return head;
+}
+
+template <typename T>
+typename RList<T>::Run RList<T>::sortRun(Node<T>*& head, int n, CompareFn compare) {
+    if (n == 1) {
+        Node<T>* node = head;
+        head = node->pNext;
+        node->pNext = nullptr;
+        return Run{node, node};
+    }
+    if (n == 2) {
+        Node<T>* a = head;
+        Node<T>* b = a->pNext;
+        head = b->pNext;
+        if (takeLeft(a, b, compare)) {
+            b->pNext = nullptr;
+            return Run{a, b};
+        }
+        b->pNext = a;
+        a->pNext = nullptr;
+        return Run{b, a};
+    }
+    const Run left = sortRun(head, n - n / 2, compare);
+    const Run right = sortRun(head, n / 2, compare);
+    return mergeRuns(left, right, compare);
+}
+
+// The merge loop of the sort. Both runs are non-empty and null-terminated. A node's link is only
+// written when the merge switches from one run to the other (within a stretch taken from one run
+// the nodes are already linked), and the node after each run's head is prefetched as soon as that
+// head is known, so that the two runs' cache misses overlap instead of queueing.
+template <typename T>
+typename RList<T>::Run RList<T>::mergeRuns(Run left, Run right, CompareFn compare) {
+    Node<T>* a = left.head;
+    Node<T>* b = right.head;
+    QUELWORKS_PREFETCH(a->pNext);
+    QUELWORKS_PREFETCH(b->pNext);
+    Node<T>* head;
+    Node<T>* last;
+    bool lastFromA = takeLeft(a, b, compare);
+    if (lastFromA) {
+        head = last = a;
+        a = a->pNext;
+        if (a == nullptr) {
+            last->pNext = b;
+            return Run{head, right.tail};
+        }
+        QUELWORKS_PREFETCH(a->pNext);
+    } else {
+        head = last = b;
+        b = b->pNext;
+        if (b == nullptr) {
+            last->pNext = a;
+            return Run{head, left.tail};
+        }
+        QUELWORKS_PREFETCH(b->pNext);
+    }
+    for (;;) {
+        if (takeLeft(a, b, compare)) {
+            if (!lastFromA) {
+                last->pNext = a;
+                lastFromA = true;
+            }
+            last = a;
+            a = a->pNext;
+            if (a == nullptr) {
+                last->pNext = b;
+                return Run{head, right.tail};
+            }
+            QUELWORKS_PREFETCH(a->pNext);
+        } else {
+            if (lastFromA) {
+                last->pNext = b;
+                lastFromA = false;
+            }
+            last = b;
+            b = b->pNext;
+            if (b == nullptr) {
+                last->pNext = a;
+                return Run{head, left.tail};
+            }
+            QUELWORKS_PREFETCH(b->pNext);
+        }
+    }
 }
 
 template <typename T>
