@@ -134,6 +134,24 @@ bool validSettings(const DeviceControlBlock& d) {
     return true;
 }
 
+// The classic speed code of a standard rate, so that programs that only know termios read the
+// rate back; BOTHER (the rate in c_ospeed) for everything else.
+tcflag_t speedCode(std::uint32_t rate) {
+    static const struct {
+        std::uint32_t rate;
+        tcflag_t code;
+    } codes[] = {{50, B50},         {75, B75},         {110, B110},        {134, B134},
+                 {150, B150},       {200, B200},       {300, B300},        {600, B600},
+                 {1200, B1200},     {1800, B1800},     {2400, B2400},      {4800, B4800},
+                 {9600, B9600},     {19200, B19200},   {38400, B38400},    {57600, B57600},
+                 {115200, B115200}, {230400, B230400}, {460800, B460800},  {500000, B500000},
+                 {576000, B576000}, {921600, B921600}, {1000000, B1000000}};
+    for (const auto& c : codes) {
+        if (c.rate == rate) return c.code;
+    }
+    return BOTHER;
+}
+
 void setModemLine(int fd, int line, bool on) {
     // A pty has no modem lines: the call fails there, which is fine.
     ::ioctl(fd, on ? TIOCMBIS : TIOCMBIC, &line);
@@ -238,7 +256,8 @@ bool setCommState(PortHandle handle, const DeviceControlBlock* settings) {
     t.c_cflag &= ~static_cast<tcflag_t>(CSIZE | PARENB | PARODD | CMSPAR | CSTOPB | CRTSCTS |
                                         CBAUD | (CBAUD << IBSHIFT));
     static const tcflag_t sizes[] = {CS5, CS6, CS7, CS8};
-    t.c_cflag |= sizes[d.ByteSize - 5] | CREAD | CLOCAL | BOTHER | (BOTHER << IBSHIFT);
+    const tcflag_t speed = speedCode(d.BaudRate);
+    t.c_cflag |= sizes[d.ByteSize - 5] | CREAD | CLOCAL | speed | (speed << IBSHIFT);
     switch (d.Parity) {
         case 1:
             t.c_cflag |= PARENB | PARODD;
