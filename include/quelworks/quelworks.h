@@ -12,6 +12,9 @@
 #include "quelworks/serial/rs232.h"
 #include "quelworks/serial/rs232_async.h"
 
+// Device bootloader client
+#include "quelworks/bootloader/bootloader.h"
+
 // Containers, conversions and interpolation
 #include "quelworks/util/conversions.h"
 #include "quelworks/util/linear_interpolation.h"

@@ -242,7 +242,7 @@ void Device::handleRequest(std::uint8_t byte, Clock::time_point at) {
             break;
         case request::Description:
             out.insert(out.end(), config_.description.begin(), config_.description.end());
-            out.push_back(0x00);
+            if (!config_.unterminatedDescription) out.push_back(0x00);
             break;
         case request::ProgramParameters:
             putBigEndian(out, config_.blockSize, 4);
@@ -287,7 +287,7 @@ void Device::handleHeader(Clock::time_point at) {
     std::uint32_t last = getBigEndian(h + 6, 2);
     std::uint32_t value = getBigEndian(h + 8, 2);
     std::uint32_t bs = config_.blockSize;
-    bool ok = size > 0 && size <= kMaxImageSize && bs > 0;
+    bool ok = !config_.refuseHeader && size > 0 && size <= kMaxImageSize && bs > 0;
     std::uint32_t blocks = 0;
     if (ok) {
         blocks = (size + bs - 1) / bs;

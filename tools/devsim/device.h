@@ -62,7 +62,9 @@ struct DeviceConfig {
     std::chrono::microseconds replyDelay{0};  // extra time before every reply
     int rejectBlock = 0;                      // refuse this block (1 = the first one; 0: none)
     bool neverEnterProgramMode = false;       // ignores the enter request
-    int pollsBeforeProgramMode = 0;  // program-mode queries answered "not yet" after entering
+    int pollsBeforeProgramMode = 0;        // program-mode queries answered "not yet" after entering
+    bool unterminatedDescription = false;  // the description ends without its zero byte
+    bool refuseHeader = false;             // refuse every firmware header
 
     // The line. With a line rate every byte takes 10 bit times (8N1) to cross, in both directions.
     std::uint32_t lineRate = 0;    // fixed rate in baud (0: bytes cross at once)
@@ -76,6 +78,8 @@ public:
     explicit Device(DeviceConfig config);
 
     const DeviceConfig& config() const { return config_; }
+    // Changes take effect from the next byte the device handles.
+    DeviceConfig& config() { return config_; }
 
     // Bytes from the host that were seen on the wire at `now`.
     void receive(const std::uint8_t* data, std::size_t size, Clock::time_point now);

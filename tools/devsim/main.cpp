@@ -72,6 +72,11 @@ int main(int argc, char** argv) {
         ->group(faults);
     app.add_flag("--never-enter", config.neverEnterProgramMode, "never enter programming mode")
         ->group(faults);
+    app.add_flag("--unterminated-description", config.unterminatedDescription,
+                 "end the description without its zero byte")
+        ->group(faults);
+    app.add_flag("--refuse-header", config.refuseHeader, "refuse every firmware header")
+        ->group(faults);
     app.add_option("--polls", config.pollsBeforeProgramMode,
                    "program-mode queries answered \"not yet\" after the enter request")
         ->group(faults);

@@ -16,8 +16,8 @@ namespace quelworks::devsim {
 
 namespace {
 
-// While no host has the port open the master side reports a hang-up on every poll; the server
-// then looks again after this long instead of spinning.
+// Should the master side report a hang-up (the port side closed), the server looks again after
+// this long instead of spinning.
 constexpr auto kIdleWithoutHost = std::chrono::milliseconds(2);
 // Longest sleep when nothing is scheduled (only bounds how stale the loop may get).
 constexpr auto kIdleWait = std::chrono::milliseconds(200);
@@ -38,6 +38,7 @@ PtyServer::PtyServer(DeviceConfig config, std::string imageOut)
 
 PtyServer::~PtyServer() {
     stop();
+    if (slave_ >= 0) ::close(slave_);
     if (master_ >= 0) ::close(master_);
     for (int fd : wake_) {
         if (fd >= 0) ::close(fd);
@@ -58,15 +59,16 @@ bool PtyServer::open(std::string* error) {
     path_ = name;
     ::fcntl(master_, F_SETFL, ::fcntl(master_, F_GETFL) | O_NONBLOCK);
 
-    // Raw line settings until the host sets its own: no echo, no line editing, no CR/LF mapping.
-    int slave = ::open(name, O_RDWR | O_NOCTTY | O_CLOEXEC);
-    if (slave < 0) return fail("cannot open the pty's port side");
+    // Hold the port side open ourselves: otherwise the master reports a hang-up whenever no host
+    // has the port open. Raw line settings until the host sets its own: no echo, no line
+    // editing, no CR/LF mapping.
+    slave_ = ::open(name, O_RDWR | O_NOCTTY | O_CLOEXEC);
+    if (slave_ < 0) return fail("cannot open the pty's port side");
     termios tio;
-    if (::tcgetattr(slave, &tio) == 0) {
+    if (::tcgetattr(slave_, &tio) == 0) {
         ::cfmakeraw(&tio);
-        ::tcsetattr(slave, TCSANOW, &tio);
+        ::tcsetattr(slave_, TCSANOW, &tio);
     }
-    ::close(slave);
     return true;
 }
 

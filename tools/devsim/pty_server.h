@@ -56,6 +56,7 @@ private:
     std::string path_;
     std::string problems_;
     int master_ = -1;
+    int slave_ = -1;
     int wake_[2] = {-1, -1};
     int imagesSaved_ = 0;
     std::thread thread_;

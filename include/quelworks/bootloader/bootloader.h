@@ -1,0 +1,95 @@
+// Bootloader: the client side of the device's bootloader protocol. Reads the device's identity,
+// switches the link to the device's highest baud rate, brings the device into programming mode
+// and writes a firmware image in checksummed blocks.
+//
+// Every public operation is a self-contained exchange over the object's own RS232 link: connect,
+// request/reply pairs, disconnect. The port is closed between operations.
+#ifndef QUELWORKS_BOOTLOADER_BOOTLOADER_H
+#define QUELWORKS_BOOTLOADER_BOOTLOADER_H
+
+#include "quelworks/export.h"
+#include "quelworks/serial/rs232.h"
+
+class QUELWORKS_API Bootloader {
+public:
+    enum DeviceProgrammingState {
+        InProgramMode = 0,     // the bootloader is active and accepts a firmware image
+        NotInProgramMode = 1,  // the device's application runs
+    };
+
+    // Called by UpdateFirmware before each block with (bytes sent so far, image size) and once
+    // after the last accepted block with (image size, image size). May be null.
+    void (*ProgressCallback)(int done, int total);
+
+    // Each constructor names the port, drains whatever the device still had to say and, unless
+    // told otherwise, reads the device's identity (AcquireDeviceInfo). `timeout` is the time-out
+    // in milliseconds of every receive (default 1000).
+    Bootloader(char* portName, int timeout, bool acquireDeviceInfo);
+    Bootloader(char* portName, int timeout);
+    Bootloader(char* portName, bool acquireDeviceInfo);
+    Bootloader(char* portName);
+    // Copies every field; the copy gets its own copies of the serial number and description.
+    Bootloader(const Bootloader& other);
+    Bootloader& operator=(const Bootloader& other);
+    ~Bootloader();
+
+    // Queries the device's identity over one connection; true when every query succeeded.
+    bool AcquireDeviceInfo();
+    bool IsDeviceInfoAvailable();
+
+    // Write the field to the out-parameter (always) and return IsDeviceInfoAvailable().
+    bool GetDeviceType(int* value);
+    bool GetSubDeviceType(int* value);
+    bool GetRevision(int* value);
+    bool GetFirmwareVersion(int* value);
+    bool GetBootloaderVersion(int* value);
+    bool GetMaxBaudrate(int* value);
+    bool GetProgramMode(DeviceProgrammingState* value);
+    // Without device information: false, *value untouched. Otherwise *value gets a malloc'ed
+    // copy that the caller releases with free.
+    bool GetSerialNumber(char** value);
+    bool GetDeviceDescription(char** value);
+
+    // Asks the device to switch to its maximum baud rate; on acceptance the next operation
+    // connects at that rate.
+    bool SwitchToMaxBaudrate();
+    // Brings the device into programming mode and reads the block size it wants. Refuses a
+    // time-out below 10 ms.
+    bool EnterBootloader();
+    // Sends the image file `fileName` in checksummed blocks; `value` goes into the header
+    // unchanged (low 16 bits). True when every block was accepted. Needs the device in
+    // programming mode and a known block size.
+    bool UpdateFirmware(int value, char* fileName);
+
+private:
+    void InitializeClass(char* portName, int timeout, bool acquireDeviceInfo);
+    bool acquireDataField(unsigned char command, int replyLength, int* value);
+    bool acquireDeviceType();
+    bool acquireDeviceSubType();
+    bool acquireRevision();
+    bool acquireFirmwareVersion();
+    bool acquireBootloaderVersion();
+    bool acquireSerialNumber();
+    bool acquireMaxBaudrate();
+    bool acquireProgramMode();
+    bool acquireProgramParameters();
+    bool acquireDeviceDescription();
+    void copyFrom(const Bootloader& other);
+
+    bool deviceInfoAvailable;
+    int timeout;
+    int deviceType;
+    int subDeviceType;
+    int revision;
+    int firmwareVersion;
+    int bootloaderVersion;
+    char* serialNumber;
+    char* deviceDescription;
+    int maxBaudrate;
+    int blockSize;
+    int programParameter2;
+    RS232 link;
+    DeviceProgrammingState programMode;
+};
+
+#endif  // QUELWORKS_BOOTLOADER_BOOTLOADER_H

@@ -1,0 +1,498 @@
+#include "device_commands.h"
+
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <chrono>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "command_error.h"
+#include "progress.h"
+#include "quelworks/bootloader/bootloader.h"
+#include "quelworks/serial/rs232.h"
+
+#ifdef _WIN32
+#include <io.h>
+#define QW_ISATTY _isatty
+#define QW_FILENO _fileno
+#else
+#include <unistd.h>
+#define QW_ISATTY isatty
+#define QW_FILENO fileno
+#endif
+
+namespace quelworks::cli {
+
+namespace {
+
+using SteadyClock = std::chrono::steady_clock;
+
+struct DeviceOptions {
+    std::string port;
+    int timeout = 1000;
+};
+
+struct InfoOptions : DeviceOptions {
+    bool json = false;
+};
+
+struct FlashOptions : DeviceOptions {
+    std::string image;
+    bool maxBaud = false;
+    int value = 0;
+    std::string progress = "auto";
+};
+
+// The library takes text as char*; this keeps a writable copy alive for the call.
+class MutableText {
+public:
+    explicit MutableText(const std::string& text) : bytes_(text.begin(), text.end()) {
+        bytes_.push_back('\0');
+    }
+    char* get() { return bytes_.data(); }
+
+private:
+    std::vector<char> bytes_;
+};
+
+std::string hexByte(unsigned value) {
+    char text[8];
+    std::snprintf(text, sizeof text, "0x%02X", value & 0xFFu);
+    return text;
+}
+
+// A port named without a directory lives in /dev.
+std::string portPath(const std::string& port) {
+#ifdef _WIN32
+    return port;
+#else
+    return port.find('/') == std::string::npos ? "/dev/" + port : port;
+#endif
+}
+
+// Fails with a clear message unless the port exists and can be opened.
+void checkPort(const std::string& port) {
+#ifndef _WIN32
+    struct stat info;
+    if (::stat(portPath(port).c_str(), &info) != 0) {
+        throw CommandError(kExitPortUnavailable,
+                           "no such port '" + port + "': " + std::strerror(errno) +
+                               " (see 'quelworks ports' for the ports this system knows)");
+    }
+#endif
+    RS232 link;
+    MutableText name(port);
+    link.PortName(name.get());
+    if (!link.Connect()) {
+        throw CommandError(
+            kExitPortUnavailable,
+            "cannot open port " + port + " (is another program using it? do you have permission?)");
+    }
+    link.Disconnect();
+}
+
+struct Query {
+    unsigned char request;
+    const char* name;
+};
+
+// Called when the device's identity did not read back: asks the device again, one request at a
+// time, and throws the error that says best what went wrong.
+[[noreturn]] void diagnose(const std::string& port, int timeout, std::uint32_t baudrate) {
+    RS232 link;
+    MutableText name(port);
+    link.PortName(name.get());
+    link.Baudrate = baudrate;
+    if (!link.Connect()) {
+        throw CommandError(
+            kExitPortUnavailable,
+            "cannot open port " + port + " (is another program using it? do you have permission?)");
+    }
+    unsigned char* reply = nullptr;
+    int length = 0;
+    while (link.Receive(&reply, &length, 100)) std::free(reply);
+
+    std::vector<Query> queries = {
+        {0x17, "bootloader version"}, {0x11, "device type"},       {0x14, "sub-type"},
+        {0x16, "firmware version"},   {0x1A, "maximum baud rate"}, {0x15, "revision"},
+        {0x19, "serial number"},      {0x18, "program mode"},      {0x1C, "description"},
+    };
+    bool inProgramMode = false;
+    unsigned deviceType = 1;
+    for (std::size_t i = 0; i < queries.size(); ++i) {
+        Query q = queries[i];
+        // The library asks for the sub-type only of a device with a type.
+        if (q.request == 0x14 && deviceType == 0) continue;
+        unsigned char request = q.request;
+        link.Send(&request, 1);
+        reply = nullptr;
+        length = 0;
+        if (!link.Receive(&reply, &length, timeout)) {
+            link.Disconnect();
+            if (i == 0) {
+                throw CommandError(kExitNoAnswer, "no answer from the device on " + port +
+                                                      " (is it powered and on this port?)");
+            }
+            throw CommandError(kExitBadReply,
+                               "the device on " + port + " stopped answering at the " + q.name +
+                                   " request (" + hexByte(q.request) + "); try a longer --timeout");
+        }
+        std::unique_ptr<unsigned char, decltype(&std::free)> owned(reply, &std::free);
+        if (reply[0] != q.request) {
+            link.Disconnect();
+            throw CommandError(kExitBadReply,
+                               "the device on " + port + " answered the " + q.name + " request (" +
+                                   hexByte(q.request) + ") with " + hexByte(reply[0]) +
+                                   " instead of its echo (wrong baud rate, or not a bootloader "
+                                   "device?)");
+        }
+        if (q.request == 0x11) deviceType = length >= 3 ? (reply[1] << 8) | reply[2] : reply[1];
+        if (q.request == 0x18 && length >= 2) inProgramMode = reply[1] == 0x20;
+        if (q.request == 0x1C && reply[length - 1] != 0x00) {
+            link.Disconnect();
+            throw CommandError(kExitBadReply, "the description from the device on " + port +
+                                                  " is not terminated; try a longer --timeout");
+        }
+    }
+    if (inProgramMode) {
+        unsigned char request = 0x1F;
+        link.Send(&request, 1);
+        if (!link.Receive(&reply, &length, timeout)) {
+            link.Disconnect();
+            throw CommandError(kExitBadReply, "the device on " + port +
+                                                  " does not report its program parameters (0x1F)");
+        }
+        std::free(reply);
+    }
+    link.Disconnect();
+    throw CommandError(kExitBadReply,
+                       "the identity of the device on " + port +
+                           " did not read back completely although it answers; try a longer "
+                           "--timeout");
+}
+
+struct Identity {
+    int deviceType = 0, subDeviceType = 0, revision = 0, firmwareVersion = 0;
+    int bootloaderVersion = 0, maxBaudrate = 0;
+    bool inProgramMode = false;
+    std::string serialNumber, description;
+};
+
+std::string takeString(char* text) {
+    std::string result = text != nullptr ? text : "";
+    std::free(text);
+    return result;
+}
+
+Identity readIdentity(Bootloader& boot) {
+    Identity id;
+    boot.GetDeviceType(&id.deviceType);
+    boot.GetSubDeviceType(&id.subDeviceType);
+    boot.GetRevision(&id.revision);
+    boot.GetFirmwareVersion(&id.firmwareVersion);
+    boot.GetBootloaderVersion(&id.bootloaderVersion);
+    boot.GetMaxBaudrate(&id.maxBaudrate);
+    Bootloader::DeviceProgrammingState mode = Bootloader::NotInProgramMode;
+    boot.GetProgramMode(&mode);
+    id.inProgramMode = mode == Bootloader::InProgramMode;
+    char* text = nullptr;
+    if (boot.GetSerialNumber(&text)) id.serialNumber = takeString(text);
+    text = nullptr;
+    if (boot.GetDeviceDescription(&text)) id.description = takeString(text);
+    return id;
+}
+
+// Connects, reads the identity and explains a failure.
+std::unique_ptr<Bootloader> connectDevice(const DeviceOptions& options) {
+    checkPort(options.port);
+    MutableText name(options.port);
+    auto boot = std::make_unique<Bootloader>(name.get(), options.timeout, true);
+    if (!boot->IsDeviceInfoAvailable()) diagnose(options.port, options.timeout, 9600);
+    return boot;
+}
+
+std::string jsonString(const std::string& text) {
+    std::string out = "\"";
+    for (unsigned char c : text) {
+        switch (c) {
+            case '"':
+                out += "\\\"";
+                break;
+            case '\\':
+                out += "\\\\";
+                break;
+            case '\n':
+                out += "\\n";
+                break;
+            case '\r':
+                out += "\\r";
+                break;
+            case '\t':
+                out += "\\t";
+                break;
+            default:
+                if (c < 0x20 || c >= 0x7F) {
+                    // Device text is 8-bit and not necessarily UTF-8: escape every byte
+                    // outside printable ASCII so the output stays valid JSON.
+                    char escaped[8];
+                    std::snprintf(escaped, sizeof escaped, "\\u%04x", c);
+                    out += escaped;
+                } else {
+                    out += static_cast<char>(c);
+                }
+        }
+    }
+    return out + "\"";
+}
+
+// Device text made safe for a terminal: control bytes shown as \xNN.
+std::string printable(const std::string& text) {
+    std::string out;
+    for (unsigned char c : text) {
+        if (c < 0x20 || c == 0x7F) {
+            char escaped[8];
+            std::snprintf(escaped, sizeof escaped, "\\x%02x", c);
+            out += escaped;
+        } else {
+            out += static_cast<char>(c);
+        }
+    }
+    return out;
+}
+
+void runPorts() {
+    RS232 link;
+    RList<char*> ports;
+    link.GetCOMPorts(&ports);
+    int count = 0;
+    for (Iter<char*> it = ports.begin(); it != ports.end(); ++it) {
+        std::cout << *it << "\n";
+        std::free(*it);
+        ++count;
+    }
+    ports.free();
+    if (count == 0) std::cerr << "quelworks: no serial ports found\n";
+}
+
+void runInfo(const InfoOptions& options) {
+    std::unique_ptr<Bootloader> boot = connectDevice(options);
+    Identity id = readIdentity(*boot);
+    if (options.json) {
+        std::cout << "{\"port\": " << jsonString(options.port)
+                  << ", \"deviceType\": " << id.deviceType
+                  << ", \"subDeviceType\": " << id.subDeviceType
+                  << ", \"revision\": " << id.revision
+                  << ", \"firmwareVersion\": " << id.firmwareVersion
+                  << ", \"bootloaderVersion\": " << id.bootloaderVersion
+                  << ", \"serialNumber\": " << jsonString(id.serialNumber)
+                  << ", \"description\": " << jsonString(id.description)
+                  << ", \"maxBaudrate\": " << id.maxBaudrate
+                  << ", \"inProgramMode\": " << (id.inProgramMode ? "true" : "false") << "}\n";
+        return;
+    }
+    char hex[16];
+    std::snprintf(hex, sizeof hex, " (0x%04X)", static_cast<unsigned>(id.deviceType));
+    char fw[16];
+    std::snprintf(fw, sizeof fw, " (0x%04X)", static_cast<unsigned>(id.firmwareVersion));
+    const std::pair<const char*, std::string> rows[] = {
+        {"port", options.port},
+        {"device type", std::to_string(id.deviceType) + hex},
+        {"sub-type", std::to_string(id.subDeviceType)},
+        {"revision", std::to_string(id.revision)},
+        {"firmware version", std::to_string(id.firmwareVersion) + fw},
+        {"bootloader version", std::to_string(id.bootloaderVersion)},
+        {"serial number", printable(id.serialNumber)},
+        {"description", printable(id.description)},
+        {"maximum baud rate", std::to_string(id.maxBaudrate)},
+        {"program mode", id.inProgramMode ? "yes (bootloader active)" : "no (application running)"},
+    };
+    for (const auto& row : rows) {
+        std::string label = std::string(row.first) + ":";
+        std::printf("%-20s%s\n", label.c_str(), row.second.c_str());
+    }
+}
+
+// The progress callback is a plain function pointer: its state lives here.
+struct FlashProgress {
+    ProgressReporter* reporter = nullptr;
+    SteadyClock::time_point start;
+    int calls = 0;
+    int lastDone = 0;
+};
+FlashProgress g_progress;
+
+void onProgress(int done, int total) {
+    if (g_progress.calls == 0) g_progress.start = SteadyClock::now();
+    ++g_progress.calls;
+    g_progress.lastDone = done;
+    double elapsed = std::chrono::duration<double>(SteadyClock::now() - g_progress.start).count();
+    if (g_progress.reporter) g_progress.reporter->update(done, total, elapsed);
+}
+
+// Reads the block size the device asked for (the library keeps it to itself); 0 if unknown.
+int queryBlockSize(const std::string& port, int timeout, std::uint32_t baudrate) {
+    RS232 link;
+    MutableText name(port);
+    link.PortName(name.get());
+    link.Baudrate = baudrate;
+    if (!link.Connect()) return 0;
+    unsigned char request = 0x1F;
+    unsigned char reply[9] = {};
+    link.Send(&request, 1);
+    bool ok = link.Receive(reply, 9, timeout) && reply[0] == 0x1F;
+    link.Disconnect();
+    if (!ok) return 0;
+    std::uint32_t size = (std::uint32_t(reply[1]) << 24) | (std::uint32_t(reply[2]) << 16) |
+                         (std::uint32_t(reply[3]) << 8) | reply[4];
+    return size > 0 && size <= INT_MAX ? static_cast<int>(size) : 0;
+}
+
+long long checkImage(const std::string& path) {
+    struct stat info;
+    if (::stat(path.c_str(), &info) != 0) {
+        throw CommandError(kExitBadImage,
+                           "cannot read image file '" + path + "': " + std::strerror(errno));
+    }
+    if (S_ISDIR(info.st_mode)) {
+        throw CommandError(kExitBadImage,
+                           "cannot read image file '" + path + "': " + std::strerror(EISDIR));
+    }
+    std::FILE* file = std::fopen(path.c_str(), "rb");
+    if (file == nullptr) {
+        throw CommandError(kExitBadImage,
+                           "cannot read image file '" + path + "': " + std::strerror(errno));
+    }
+    std::fclose(file);
+    long long size = static_cast<long long>(info.st_size);
+    if (size == 0) {
+        throw CommandError(kExitBadImage, "image file '" + path + "' is empty: nothing to flash");
+    }
+    if (size > INT_MAX) {
+        throw CommandError(kExitBadImage, "image file '" + path + "' is too large (" +
+                                              formatBytes(static_cast<double>(size)) +
+                                              "; at most 2 GiB)");
+    }
+    return size;
+}
+
+void runFlash(const FlashOptions& options) {
+    long long imageSize = checkImage(options.image);
+    std::unique_ptr<Bootloader> boot = connectDevice(options);
+    Identity id = readIdentity(*boot);
+    std::printf("device: type %d, firmware %d, bootloader %d, serial %s\n", id.deviceType,
+                id.firmwareVersion, id.bootloaderVersion, printable(id.serialNumber).c_str());
+
+    std::uint32_t baudrate = 9600;
+    if (options.maxBaud) {
+        if (!boot->SwitchToMaxBaudrate()) {
+            throw CommandError(kExitBaudSwitch,
+                               "the device refused to switch to its maximum baud rate (" +
+                                   std::to_string(id.maxBaudrate) + "); flash without --max-baud");
+        }
+        baudrate = static_cast<std::uint32_t>(id.maxBaudrate);
+        std::printf("line: switched to %u baud\n", baudrate);
+    }
+    if (!boot->EnterBootloader()) {
+        throw CommandError(kExitNoProgramMode,
+                           "the device on " + options.port +
+                               " did not enter programming mode (power-cycle it and try again, "
+                               "or try a longer --timeout)");
+    }
+    int blockSize = queryBlockSize(options.port, options.timeout, baudrate);
+    long long blocks = blockSize > 0 ? (imageSize + blockSize - 1) / blockSize : 0;
+    if (blockSize > 0) {
+        std::printf("writing %lld bytes in %lld blocks of %d bytes\n", imageSize, blocks,
+                    blockSize);
+    } else {
+        std::printf("writing %lld bytes\n", imageSize);
+    }
+    std::fflush(stdout);
+
+    ProgressReporter::Style style = ProgressReporter::Style::Lines;
+    if (options.progress == "none") {
+        style = ProgressReporter::Style::None;
+    } else if (options.progress == "bar" ||
+               (options.progress == "auto" && QW_ISATTY(QW_FILENO(stderr)))) {
+        style = ProgressReporter::Style::Bar;
+    }
+    ProgressReporter reporter(style, stderr);
+    g_progress = FlashProgress{};
+    g_progress.reporter = &reporter;
+    boot->ProgressCallback = onProgress;
+
+    MutableText image(options.image);
+    SteadyClock::time_point start = SteadyClock::now();
+    bool ok = boot->UpdateFirmware(options.value, image.get());
+    double seconds = std::chrono::duration<double>(SteadyClock::now() - start).count();
+    reporter.finish();
+    g_progress.reporter = nullptr;
+
+    if (!ok) {
+        if (g_progress.calls == 0) {
+            throw CommandError(kExitHeaderRefused,
+                               "the device refused the firmware header for a " +
+                                   std::to_string(imageSize) +
+                                   "-byte image (is the image meant for this device?)");
+        }
+        // The callback runs before each block, so the last call names the block that failed.
+        int failed = g_progress.calls;
+        std::string of = blocks > 0 ? " of " + std::to_string(blocks) : "";
+        throw CommandError(kExitBlockRejected,
+                           "the device rejected block " + std::to_string(failed) + of +
+                               " (the device holds a partial image: flash again)");
+    }
+    double rate = seconds > 0 ? static_cast<double>(imageSize) / seconds : 0;
+    // Ten bits cross the line for every byte (start bit, eight data bits, stop bit).
+    double lineShare = 100.0 * rate * 10.0 / baudrate;
+    std::printf("flashed %lld bytes to %s in %.1f s: %s, %.1f%% of the %u baud line\n", imageSize,
+                options.port.c_str(), seconds, formatRate(rate).c_str(), lineShare, baudrate);
+}
+
+void addDeviceOptions(CLI::App* cmd, DeviceOptions& options) {
+    cmd->add_option("PORT", options.port, "serial port of the device (e.g. /dev/ttyUSB0)")
+        ->required();
+    cmd->add_option("--timeout", options.timeout, "time-out of each reply in milliseconds")
+        ->check(CLI::Range(10, 600000))
+        ->capture_default_str();
+}
+
+}  // namespace
+
+void addDeviceCommands(CLI::App& app) {
+    app.add_subcommand("ports", "List the serial ports this system knows, one per line")
+        ->callback(runPorts);
+
+    auto info = std::make_shared<InfoOptions>();
+    CLI::App* infoCmd = app.add_subcommand("info", "Show the identity of the device on PORT");
+    addDeviceOptions(infoCmd, *info);
+    infoCmd->add_flag("--json", info->json, "print one JSON object instead of aligned lines");
+    infoCmd->callback([info] { runInfo(*info); });
+
+    auto flash = std::make_shared<FlashOptions>();
+    CLI::App* flashCmd =
+        app.add_subcommand("flash", "Write the firmware IMAGE to the device on PORT");
+    addDeviceOptions(flashCmd, *flash);
+    flashCmd->add_option("IMAGE", flash->image, "firmware image file (raw bytes)")->required();
+    flashCmd->add_flag("--max-baud", flash->maxBaud,
+                       "switch to the device's maximum baud rate first");
+    flashCmd
+        ->add_option("--value", flash->value,
+                     "16-bit value passed to the device in the firmware header (e.g. 0x1234)")
+        ->capture_default_str();
+    flashCmd
+        ->add_option("--progress", flash->progress,
+                     "progress display: auto (a bar on a terminal, lines otherwise), bar, lines, "
+                     "none")
+        ->check(CLI::IsMember({"auto", "bar", "lines", "none"}))
+        ->capture_default_str();
+    flashCmd->callback([flash] { runFlash(*flash); });
+}
+
+}  // namespace quelworks::cli
