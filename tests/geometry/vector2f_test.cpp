@@ -6,6 +6,17 @@
 #include <random>
 #include <type_traits>
 
+#if defined(_WIN32)
+// The real POINT, which the library's header only declares there.
+#ifndef WIN32_LEAN_AND_MEAN
+#define WIN32_LEAN_AND_MEAN
+#endif
+#ifndef NOMINMAX
+#define NOMINMAX
+#endif
+#include <windows.h>
+#endif
+
 #include "quelworks/geometry/vector2f.h"
 
 namespace {
