@@ -25,6 +25,8 @@
 
 // Plane geometry and camera calibration
 #include "quelworks/geometry/coordinate_transformation.h"
+#include "quelworks/geometry/hatching.h"
+#include "quelworks/geometry/polygon.h"
 #include "quelworks/geometry/shapes.h"
 #include "quelworks/geometry/vector2f.h"
 

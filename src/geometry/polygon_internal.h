@@ -1,0 +1,83 @@
+// Internal pieces of the polygon operations, exported for the tests and benchmarks only (they are
+// not part of the public headers).
+#ifndef QUELWORKS_SRC_GEOMETRY_POLYGON_INTERNAL_H
+#define QUELWORKS_SRC_GEOMETRY_POLYGON_INTERNAL_H
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "quelworks/export.h"
+#include "quelworks/geometry/shapes.h"
+#include "quelworks/geometry/vector2f.h"
+
+namespace quelworks {
+namespace detail {
+
+// Merges neighbouring rectangles of `rects` in place, exactly as the cover's merge step: while
+// some pair (i, j) is mergeable, the first such pair (i ascending, then j ascending) is removed
+// and the merged rectangle appended. Runs in about n log n for the usual inputs; the first pair
+// is found through indexes keyed by the shared edges instead of a fresh scan each round.
+QUELWORKS_API void MergeRectangles(std::vector<rectanglef>& rects);
+
+// Whether a and b may be merged (side by side with equal y and height, or one above the other
+// with equal x and width, the merged rectangle under 255 on each side); if so, `merged` receives
+// the merged rectangle computed from a, then b.
+QUELWORKS_API bool TryMergeRectangles(const rectanglef& a, const rectanglef& b, rectanglef& merged);
+
+// Work buffers for PolygonIndex queries; one per thread.
+struct PolygonScratch {
+    // The edges that cross one sample row, with their row-constant terms.
+    std::vector<float> ax, bx, by, ay;
+    std::vector<std::uint8_t> rightMask, rightFlip, leftMask, leftFlip;
+    // x of the vertices lying exactly on the row.
+    std::vector<float> vertexX;
+    // One sample row of a rectangle test.
+    std::vector<float> xs;
+    std::vector<std::uint8_t> parity;
+};
+
+// A polygon prepared for many containment tests: the same answers as IsPointInPolygon, bit for
+// bit, but each test only looks at the edges whose y range holds the point (found through bands
+// over y) and never copies the polygon.
+class QUELWORKS_API PolygonIndex {
+public:
+    explicit PolygonIndex(const std::vector<pointf>& polygon);
+
+    std::size_t size() const { return points_.size(); }
+
+    // IsPointInPolygon(q, polygon). Throws std::out_of_range for an empty polygon.
+    bool contains(pointf q, PolygonScratch& scratch) const;
+
+    // The inside test of a rectangle: four corners, then the sample grid with the tolerance.
+    bool rectangleInside(const rectanglef& r, int tolerance, PolygonScratch& scratch) const;
+
+    // True when no point whose y lies in the closed range spanned by a rectangle starting at
+    // `y` with height `height` (or by anything inside it) can be inside the polygon.
+    bool rowsOutside(float y, float height) const;
+
+private:
+    void gatherRow(float qy, PolygonScratch& scratch) const;
+    std::size_t bandOf(float y) const;
+
+    std::vector<pointf> points_;
+    // Edges (index of their first vertex) listed per band of y, in compressed rows.
+    std::vector<std::uint32_t> bandStart_;
+    std::vector<std::uint32_t> bandEdges_;
+    // Edges with a NaN y: looked at on every row.
+    std::vector<std::uint32_t> alwaysEdges_;
+    double bandOrigin_ = 0.0;
+    double bandScale_ = 0.0;
+    std::size_t bandCount_ = 1;
+    // (y, x) of the vertices that can be hit exactly (all but the last), sorted by y.
+    std::vector<pointf> vertexByY_;
+    // The y range of all vertices, for skipping rows that cannot be inside.
+    bool yRangeKnown_ = false;
+    float minY_ = 0.0f;
+    float maxY_ = 0.0f;
+};
+
+}  // namespace detail
+}  // namespace quelworks
+
+#endif  // QUELWORKS_SRC_GEOMETRY_POLYGON_INTERNAL_H
