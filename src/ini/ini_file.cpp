@@ -2,6 +2,7 @@
 // (ini_parse.h). Queries keep only what their result needs; edits build the array of records,
 // change it, and write it back in one write through a temporary file (platform/file.h).
 #include <algorithm>
+#include <cstring>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -32,10 +33,10 @@ using quelworks::detail::parseIni;
 // Reads the file and runs the parser over it; false when the file cannot be opened.
 template <class Emit>
 bool scanFile(const std::string& fileName, Emit&& emit) {
-    std::string text;
+    quelworks::platform::FileBytes text;
     if (!quelworks::platform::readWholeFile(fileName, text)) return false;
     std::string pending;
-    parseIni(text, pending, std::forward<Emit>(emit));
+    parseIni(text.view(), pending, std::forward<Emit>(emit));
     return true;
 }
 
@@ -107,13 +108,14 @@ void CIniFile::Trim(std::string& str, std::string ChrsToTrim) {
 }
 
 bool CIniFile::Load(std::string FileName, std::vector<Record>& content) {
-    std::string text;
+    quelworks::platform::FileBytes text;
     if (!quelworks::platform::readWholeFile(FileName, text)) return false;
     content.clear();
     // Every record is one line, so the line count bounds the array.
-    content.reserve(static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n')));
+    const std::string_view view = text.view();
+    content.reserve(static_cast<std::size_t>(std::count(view.begin(), view.end(), '\n')));
     std::string pending;
-    parseIni(text, pending,
+    parseIni(view, pending,
              [&](std::string_view comments, char commented, std::string_view section,
                  std::string_view key, std::string_view value) {
                  content.push_back(makeRecord(comments, commented, section, key, value));
@@ -150,29 +152,40 @@ bool CIniFile::Save(std::string FileName, std::vector<Record>& content) {
 }
 
 std::string CIniFile::Content(std::string FileName) {
-    std::string text;
+    quelworks::platform::FileBytes text;
     if (!quelworks::platform::readWholeFile(FileName, text)) return std::string();
+    // The records are written straight into the result. It is rarely longer than the file (blank
+    // lines, trimming and leading blanks go), but can be: a '=x' line renders as its section's
+    // header, so the room left is checked for every record.
     std::string out;
-    // The result is the file without blank lines, trimming and leading blanks, so rarely longer
-    // than the file; the few entries that grow (a '=x' line renders as its section) just append.
-    out.reserve(text.size() + 16);
+    out.resize(text.size + 64);
+    std::size_t used = 0;
+    auto put = [&](std::string_view s) {
+        if (s.empty()) return;  // an empty view may hold no pointer at all
+        std::memcpy(&out[used], s.data(), s.size());
+        used += s.size();
+    };
     std::string pending;
-    parseIni(text, pending,
+    parseIni(text.view(), pending,
              [&](std::string_view comments, char commented, std::string_view section,
                  std::string_view key, std::string_view value) {
-                 out.append(comments);
-                 if (commented != ' ') out.push_back(commented);
+                 std::size_t need =
+                     comments.size() + section.size() + key.size() + value.size() + 4;
+                 if (out.size() - used < need) out.resize(std::max(out.size() * 2, used + need));
+                 put(comments);
+                 if (commented != ' ') out[used++] = commented;
                  if (key.empty()) {
-                     out.push_back('[');
-                     out.append(section);
-                     out.push_back(']');
+                     out[used++] = '[';
+                     put(section);
+                     out[used++] = ']';
                  } else {
-                     out.append(key);
-                     out.push_back('=');
-                     out.append(value);
+                     put(key);
+                     out[used++] = '=';
+                     put(value);
                  }
-                 out.push_back('\n');
+                 out[used++] = '\n';
              });
+    out.resize(used);
     return out;
 }
 

@@ -8,6 +8,10 @@
 #include <string>
 #include <string_view>
 
+#if defined(__SSE2__) && defined(__GNUC__)
+#include <emmintrin.h>
+#endif
+
 namespace quelworks::detail {
 
 inline bool isIniBlank(char c) {
@@ -21,6 +25,47 @@ inline std::string_view trimIniBlanks(std::string_view s) {
     std::size_t last = s.size();
     while (last > first && isIniBlank(s[last - 1])) --last;
     return s.substr(first, last - first);
+}
+
+// Where a line ends and where its first '[' and first '=' stand (null when absent).
+struct IniLineScan {
+    const char* end;  // the line feed, or null when the text ends first
+    const char* bracket;
+    const char* equals;
+};
+
+// Finds the end of the line starting at p, noting its first '[' and '=' on the way: one pass over
+// the bytes, 16 at a time where SSE2 is there.
+inline IniLineScan scanIniLine(const char* p, const char* limit) {
+    const char* bracket = nullptr;
+    const char* equals = nullptr;
+#if defined(__SSE2__) && defined(__GNUC__)
+    const __m128i lineFeeds = _mm_set1_epi8('\n');
+    const __m128i brackets = _mm_set1_epi8('[');
+    const __m128i equalSigns = _mm_set1_epi8('=');
+    while (limit - p >= 16) {
+        __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+        unsigned lf = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(v, lineFeeds)));
+        unsigned br = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(v, brackets)));
+        unsigned eq = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(v, equalSigns)));
+        if (lf != 0) {
+            unsigned before = (lf & (0u - lf)) - 1;  // the bits below the first line feed
+            br &= before;
+            eq &= before;
+        }
+        if (bracket == nullptr && br != 0) bracket = p + __builtin_ctz(br);
+        if (equals == nullptr && eq != 0) equals = p + __builtin_ctz(eq);
+        if (lf != 0) return {p + __builtin_ctz(lf), bracket, equals};
+        p += 16;
+    }
+#endif
+    for (; p != limit; ++p) {
+        char c = *p;
+        if (c == '\n') return {p, bracket, equals};
+        if (c == '[' && bracket == nullptr) bracket = p;
+        if (c == '=' && equals == nullptr) equals = p;
+    }
+    return {nullptr, bracket, equals};
 }
 
 // Raises the string library's own out-of-range error for a header line that has no ']' after its
@@ -46,16 +91,15 @@ void parseIni(std::string_view text, std::string& pending, Emit&& emit) {
     const char* p = text.data();
     const char* const end = p + text.size();
     while (p != end) {
-        const char* nl = static_cast<const char*>(std::memchr(p, '\n', end - p));
-        if (nl == nullptr) break;
-        std::string_view line = trimIniBlanks(std::string_view(p, nl - p));
-        p = nl + 1;
+        const IniLineScan scan = scanIniLine(p, end);
+        if (scan.end == nullptr) break;
+        std::string_view line = trimIniBlanks(std::string_view(p, scan.end - p));
+        p = scan.end + 1;
         if (line.empty()) continue;
 
-        const char* bracket = static_cast<const char*>(std::memchr(line.data(), '[', line.size()));
         char commented = ' ';
         if (line[0] == '#' || line[0] == ';') {
-            if (bracket == nullptr && std::memchr(line.data(), '=', line.size()) == nullptr) {
+            if (scan.bracket == nullptr && scan.equals == nullptr) {
                 pending.append(line);
                 pending.push_back('\n');
                 continue;
@@ -69,21 +113,26 @@ void parseIni(std::string_view text, std::string& pending, Emit&& emit) {
         std::string_view key;
         std::string_view value;
         bool entry = false;
-        if (bracket != nullptr) {
+        // Trimming and the comment character never remove a '[' or '=', so the positions found
+        // on the raw line still hold, except after a header line lost its first character.
+        const char* equals = scan.equals;
+        if (scan.bracket != nullptr) {
             line.remove_prefix(1);
             std::size_t close = line.find(']');
             if (close == std::string_view::npos) throwUnclosedHeader(line);
             line = line.substr(0, close);
+            std::size_t eq = line.find('=');
+            equals = eq == std::string_view::npos ? nullptr : line.data() + eq;
             comments = pending;
             section = line;
             current = line;
             entry = true;
         }
-        std::size_t eq = line.find('=');
-        if (eq != std::string_view::npos) {
+        if (equals != nullptr) {
             // A header line that also holds '=' already took the waiting comments.
-            comments = bracket != nullptr ? std::string_view() : std::string_view(pending);
+            comments = scan.bracket != nullptr ? std::string_view() : std::string_view(pending);
             section = current;
+            std::size_t eq = static_cast<std::size_t>(equals - line.data());
             key = line.substr(0, eq);
             value = line.substr(eq + 1);
             entry = true;

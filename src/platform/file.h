@@ -3,6 +3,8 @@
 #ifndef QUELWORKS_SRC_PLATFORM_FILE_H
 #define QUELWORKS_SRC_PLATFORM_FILE_H
 
+#include <cstddef>
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -15,10 +17,17 @@ inline constexpr bool kCrLfLineEnds = true;
 inline constexpr bool kCrLfLineEnds = false;
 #endif
 
+// A file's bytes, in a buffer that is not cleared before the file is read into it.
+struct FileBytes {
+    std::unique_ptr<char[]> data;
+    std::size_t size = 0;
+    std::string_view view() const { return std::string_view(data.get(), size); }
+};
+
 // Reads the whole file into `contents` (replacing what it held) with as few reads as the OS
 // allows. False, with `contents` untouched, when the file cannot be opened for reading: it does
 // not exist, access is denied, or the name is a folder.
-bool readWholeFile(const std::string& path, std::string& contents);
+bool readWholeFile(const std::string& path, FileBytes& contents);
 
 enum class WriteResult {
     Written,     // the file now holds exactly the new bytes

@@ -6,6 +6,8 @@
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
+#include <cstring>
+#include <memory>
 #include <string>
 
 #include "platform/file.h"
@@ -69,21 +71,25 @@ std::string realPath(const std::string& path) {
 
 }  // namespace
 
-bool readWholeFile(const std::string& path, std::string& contents) {
+bool readWholeFile(const std::string& path, FileBytes& contents) {
     Fd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
     if (!fd.valid()) return false;
     struct stat st {};
     if (::fstat(fd.get(), &st) != 0 || S_ISDIR(st.st_mode)) return false;
 
-    std::string data;
     // A regular file is read in one go; a pipe or device, or a file that grows meanwhile, in
     // further chunks until the end.
     std::size_t capacity = S_ISREG(st.st_mode) ? static_cast<std::size_t>(st.st_size) + 1 : 65536;
-    data.resize(capacity);
+    std::unique_ptr<char[]> data(new char[capacity]);
     std::size_t used = 0;
     for (;;) {
-        if (used == data.size()) data.resize(data.size() * 2);
-        ssize_t n = ::read(fd.get(), &data[used], data.size() - used);
+        if (used == capacity) {
+            std::unique_ptr<char[]> bigger(new char[capacity * 2]);
+            std::memcpy(bigger.get(), data.get(), used);
+            data.swap(bigger);
+            capacity *= 2;
+        }
+        ssize_t n = ::read(fd.get(), data.get() + used, capacity - used);
         if (n < 0) {
             if (errno == EINTR) continue;
             break;  // a read error ends the file, as it ends a stream
@@ -91,8 +97,8 @@ bool readWholeFile(const std::string& path, std::string& contents) {
         if (n == 0) break;
         used += static_cast<std::size_t>(n);
     }
-    data.resize(used);
-    contents.swap(data);
+    contents.data = std::move(data);
+    contents.size = used;
     return true;
 }
 
