@@ -57,13 +57,6 @@ TEST(Vector2fConstruction, FromFloatsPointsAndPOINT) {
     EXPECT_VEC_EQ(Vector2f(big), 16777216.0f, -16777220.0f);
     POINT extremes{INT_MIN, INT_MAX};
     EXPECT_VEC_EQ(Vector2f(extremes), -2147483648.0f, 2147483648.0f);
-
-    Vector2f a(1, 2);
-    Vector2f b(a);
-    b.x = 5;
-    EXPECT_EQ(a.x, 1.0f);
-    a = b;
-    EXPECT_VEC_EQ(a, 5.0f, 2.0f);
 }
 
 TEST(Vector2fOperators, ArithmeticAndExactEquality) {
@@ -271,30 +264,14 @@ TEST(Vector2fText, ToStringUsesSixSignificantDigits) {
 TEST(PointF, OperatorsAndDistances) {
     const pointf a(1, 2);
     const pointf b(4, 6);
-    EXPECT_TRUE(a == pointf(1, 2));
-    EXPECT_FALSE(a == b);
     EXPECT_FALSE(pointf(kNaN, 0) == pointf(kNaN, 0));
-    const pointf sum = a + b;
-    EXPECT_EQ(sum.x, 5.0f);
-    EXPECT_EQ(sum.y, 8.0f);
-    const pointf diff = a - b;
-    EXPECT_EQ(diff.x, -3.0f);
-    EXPECT_EQ(diff.y, -4.0f);
-    const pointf scaled = a * 2.0f;
-    EXPECT_EQ(scaled.x, 2.0f);
-    EXPECT_EQ(scaled.y, 4.0f);
+    EXPECT_TRUE(a - b + b == a);
     EXPECT_EQ(a * b, 16.0f);
-    const pointf half = b / 2.0f;
-    EXPECT_EQ(half.x, 2.0f);
-    EXPECT_EQ(half.y, 3.0f);
-
+    EXPECT_EQ((b / 2.0f * 3.0f).y, 9.0f);
     pointf c = a;
     EXPECT_EQ(c.Distancef(b), 5.0f);
     EXPECT_EQ(c.XDistance(b), -3.0f);
     EXPECT_EQ(c.YDistance(b), -4.0f);
-    const pointf origin;
-    EXPECT_EQ(origin.x, 0.0f);
-    EXPECT_EQ(origin.y, 0.0f);
 }
 
 }  // namespace
