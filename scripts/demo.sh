@@ -1,12 +1,69 @@
 #!/usr/bin/env bash
-# Builds quelworks in release mode and runs the examples.
+# The quelworks demo: builds the command and the simulated device, starts the simulator on a
+# pseudo-terminal, lists the serial ports, reads the device's identity, flashes a sample image
+# over an emulated 115200-baud line (a progress bar on a terminal, plain lines otherwise),
+# verifies what the device received byte for byte, stops the simulator, and runs the examples.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+
 bash scripts/install-deps.sh
 cmake --preset release >/dev/null
-cmake --build --preset release -j "$(nproc)"
-for example in build/release/examples/example_*; do
-    [ -x "$example" ] || continue
-    printf '\n--- %s ---\n' "${example##*/}"
-    "$example"
+examples=()
+for source in examples/*.cpp; do
+    [ -e "$source" ] || continue
+    name=${source##*/}
+    examples+=("example_${name%.cpp}")
+done
+cmake --build --preset release -j "$(nproc)" --target quelworks-cli quelworks-devsim "${examples[@]}"
+
+bin=build/release/tools
+work=$(mktemp -d)
+devsim_pid=""
+cleanup() {
+    if [ -n "$devsim_pid" ] && kill -0 "$devsim_pid" 2>/dev/null; then
+        kill -TERM "$devsim_pid" 2>/dev/null || true
+        wait "$devsim_pid" 2>/dev/null || true
+    fi
+    rm -rf "$work"
+}
+trap cleanup EXIT
+
+step() { printf '\n\033[1m$ %s\033[0m\n' "$*"; }
+
+# The simulator prints its port on the first line. Its line follows the device's own baud rate:
+# 9600 until the client switches it to the maximum, 115200.
+"$bin/devsim/quelworks-devsim" --line-rate device --max-baud 115200 \
+    --image-out "$work/received.bin" >"$work/devsim.out" &
+devsim_pid=$!
+for _ in $(seq 100); do
+    [ -s "$work/devsim.out" ] && break
+    sleep 0.05
+done
+port=$(head -n 1 "$work/devsim.out")
+[ -n "$port" ] || { echo "demo: the simulator did not start" >&2; exit 1; }
+echo "quelworks-devsim serves a simulated device on $port"
+
+step quelworks ports
+"$bin/cli/quelworks" ports || true
+echo "(a pty is not a serial port the system lists; the simulator's is $port)"
+
+step quelworks info "$port"
+"$bin/cli/quelworks" info "$port"
+
+head -c $((48 * 1024)) /dev/urandom >"$work/sample.bin"
+step quelworks flash "$port" sample.bin --max-baud
+"$bin/cli/quelworks" flash "$port" "$work/sample.bin" --max-baud
+
+step cmp sample.bin received.bin
+cmp "$work/sample.bin" "$work/received.bin"
+echo "the device received the image byte for byte"
+
+kill -TERM "$devsim_pid"
+wait "$devsim_pid"
+devsim_pid=""
+echo "simulator stopped"
+
+for example in "${examples[@]}"; do
+    step "$example"
+    "build/release/examples/$example"
 done

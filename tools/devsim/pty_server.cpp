@@ -3,6 +3,9 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <termios.h>
+#ifdef __linux__
+#include <sys/prctl.h>
+#endif
 #include <unistd.h>
 
 #include <algorithm>
@@ -139,6 +142,10 @@ void PtyServer::saveImage(const std::vector<std::uint8_t>& image) {
 }
 
 void PtyServer::run() {
+#ifdef __linux__
+    // Wake up when a reply byte is due, not up to 50 us later: at 115200 baud a byte takes 87 us.
+    ::prctl(PR_SET_TIMERSLACK, 1UL, 0UL, 0UL, 0UL);
+#endif
     bool hostAway = false;
     std::uint8_t buffer[4096];
     for (;;) {
