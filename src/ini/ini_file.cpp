@@ -1,6 +1,8 @@
 // CIniFile: every operation reads the whole file once, in one read, and parses it in one pass
-// (ini_parse.h). Queries keep only what their result needs; edits build the array of records,
-// change it, and write it back in one write through a temporary file (platform/file.h).
+// (ini_parse.h) that reports records as views into the file's bytes. Queries keep only what their
+// result needs. Edits write each record, changed or not, straight into the new file's bytes as it
+// is read, without building the array of records, and write the result in one write through a
+// temporary file (platform/file.h). Only Sort, which reorders everything, builds the array.
 #include <algorithm>
 #include <cstring>
 #include <stdexcept>
@@ -29,58 +31,130 @@ namespace {
 
 using Record = CIniFile::Record;
 using quelworks::detail::parseIni;
+using quelworks::platform::FileBytes;
+using quelworks::platform::readWholeFile;
 
-// Reads the file and runs the parser over it; false when the file cannot be opened.
-template <class Emit>
-bool scanFile(const std::string& fileName, Emit&& emit) {
-    quelworks::platform::FileBytes text;
-    if (!quelworks::platform::readWholeFile(fileName, text)) return false;
-    std::string pending;
-    parseIni(text.view(), pending, std::forward<Emit>(emit));
-    return true;
+// One record as the reader reports it: views into the file's bytes.
+struct RecordView {
+    std::string_view comments;
+    char commented;
+    std::string_view section;
+    std::string_view key;
+    std::string_view value;
+};
+
+RecordView viewOf(const Record& r) {
+    return {r.Comments, r.Commented, r.Section, r.Key, r.Value};
 }
 
-Record makeRecord(std::string_view comments, char commented, std::string_view section,
-                  std::string_view key, std::string_view value) {
+Record recordOf(const RecordView& v) {
     Record r;
-    r.Comments.assign(comments);
-    r.Commented = commented;
-    r.Section.assign(section);
-    r.Key.assign(key);
-    r.Value.assign(value);
+    r.Comments.assign(v.comments);
+    r.Commented = v.commented;
+    r.Section.assign(v.section);
+    r.Key.assign(v.key);
+    r.Value.assign(v.value);
     return r;
 }
 
-void appendEntry(std::string& out, const Record& r) {
-    if (r.Key.empty()) {
-        out.push_back('[');
-        out.append(r.Section);
-        out.push_back(']');
-    } else {
-        out.append(r.Key);
-        out.push_back('=');
-        out.append(r.Value);
-    }
+// Reads the file and passes every record to `emit(const RecordView&)`; false when the file
+// cannot be opened.
+template <class Emit>
+bool scanFile(const std::string& fileName, Emit&& emit) {
+    FileBytes text;
+    if (!readWholeFile(fileName, text)) return false;
+    std::string pending;
+    parseIni(text.view(), pending,
+             [&](std::string_view comments, char commented, std::string_view section,
+                 std::string_view key, std::string_view value) {
+                 emit(RecordView{comments, commented, section, key, value});
+             });
+    return true;
 }
 
-bool sectionKeyMatch(const Record& r, const std::string& key, const std::string& section) {
-    return r.Section == section && r.Key == key;
+// Renders records as lines: comments, then the comment character (for a live entry a blank when
+// `liveBlank`, as files are written, or nothing, as Content shows them), then "[section]" for a
+// header or "key=value", then a line feed. Writes into a buffer sized once for the usual case.
+class RecordWriter {
+public:
+    RecordWriter(std::size_t sizeHint, bool liveBlank) : liveBlank_(liveBlank) {
+        buf_.resize(sizeHint + 64);
+    }
+
+    void write(const RecordView& r) {
+        const std::size_t need =
+            r.comments.size() + r.section.size() + r.key.size() + r.value.size() + 4;
+        if (buf_.size() - used_ < need) buf_.resize(std::max(buf_.size() * 2, used_ + need));
+        put(r.comments);
+        if (liveBlank_ || r.commented != ' ') buf_[used_++] = r.commented;
+        if (r.key.empty()) {
+            buf_[used_++] = '[';
+            put(r.section);
+            buf_[used_++] = ']';
+        } else {
+            put(r.key);
+            buf_[used_++] = '=';
+            put(r.value);
+        }
+        buf_[used_++] = '\n';
+    }
+
+    std::size_t size() const { return used_; }
+
+    std::string take() {
+        buf_.resize(used_);
+        used_ = 0;
+        return std::move(buf_);
+    }
+
+private:
+    void put(std::string_view s) {
+        if (s.empty()) return;  // an empty view may hold no pointer at all
+        std::memcpy(&buf_[used_], s.data(), s.size());
+        used_ += s.size();
+    }
+
+    std::string buf_;
+    std::size_t used_ = 0;
+    bool liveBlank_;
+};
+
+// Writes a file's new text, with the platform's line ends, replacing the old one safely.
+bool writeText(const std::string& fileName, std::string text) {
+    if (quelworks::platform::kCrLfLineEnds) {
+        // What a text stream does on write: every line feed, also those inside comments and
+        // values, becomes CR LF.
+        std::string crlf;
+        crlf.reserve(text.size() + text.size() / 16);
+        for (char c : text) {
+            if (c == '\n') crlf.push_back('\r');
+            crlf.push_back(c);
+        }
+        text.swap(crlf);
+    }
+    return quelworks::platform::replaceWholeFile(fileName, text) ==
+           quelworks::platform::WriteResult::Written;
 }
 
-// Index of the first record whose section and key match, or -1.
-std::ptrdiff_t findRecord(const std::vector<Record>& records, const std::string& key,
-                          const std::string& section) {
-    for (std::size_t i = 0; i < records.size(); ++i) {
-        if (sectionKeyMatch(records[i], key, section)) return static_cast<std::ptrdiff_t>(i);
-    }
-    return -1;
+// Reads the file and hands every record to `edit(writer, record)`, which writes what the record
+// becomes (itself, a changed copy, or nothing). Returns false when the file cannot be read; then
+// `writer` holds nothing.
+template <class Edit>
+bool rewrite(const std::string& fileName, RecordWriter& writer, Edit&& edit) {
+    FileBytes text;
+    if (!readWholeFile(fileName, text)) return false;
+    writer = RecordWriter(text.size + text.size / 8, true);
+    std::string pending;
+    parseIni(text.view(), pending,
+             [&](std::string_view comments, char commented, std::string_view section,
+                 std::string_view key, std::string_view value) {
+                 edit(writer, RecordView{comments, commented, section, key, value});
+             });
+    return true;
 }
 
-std::ptrdiff_t findSection(const std::vector<Record>& records, const std::string& section) {
-    for (std::size_t i = 0; i < records.size(); ++i) {
-        if (records[i].Section == section) return static_cast<std::ptrdiff_t>(i);
-    }
-    return -1;
+bool keyMatch(const RecordView& r, const std::string& key, const std::string& section) {
+    return r.key == key && r.section == section;
 }
 
 // Comment text as stored: a line feed is added to every text of two characters or more, also to
@@ -88,6 +162,40 @@ std::ptrdiff_t findSection(const std::vector<Record>& records, const std::string
 std::string prepareComments(std::string text) {
     if (text.size() >= 2) text.push_back('\n');
     return text;
+}
+
+// Edits the first record that passes `match`; false, with nothing written, when there is none.
+template <class Match, class Change>
+bool editFirst(const std::string& fileName, Match&& match, Change&& change) {
+    RecordWriter out(0, true);
+    bool found = false;
+    if (!rewrite(fileName, out, [&](RecordWriter& w, RecordView r) {
+            if (!found && match(r)) {
+                found = true;
+                change(w, r);
+            } else {
+                w.write(r);
+            }
+        })) {
+        return false;
+    }
+    return found && writeText(fileName, out.take());
+}
+
+// Edits every record that passes `match`, and saves also when none did.
+template <class Match, class Change>
+bool editAll(const std::string& fileName, Match&& match, Change&& change) {
+    RecordWriter out(0, true);
+    if (!rewrite(fileName, out, [&](RecordWriter& w, RecordView r) {
+            if (match(r)) {
+                change(w, r);
+            } else {
+                w.write(r);
+            }
+        })) {
+        return false;
+    }
+    return writeText(fileName, out.take());
 }
 
 }  // namespace
@@ -108,18 +216,19 @@ void CIniFile::Trim(std::string& str, std::string ChrsToTrim) {
 }
 
 bool CIniFile::Load(std::string FileName, std::vector<Record>& content) {
-    quelworks::platform::FileBytes text;
-    if (!quelworks::platform::readWholeFile(FileName, text)) return false;
-    content.clear();
-    // Every record is one line, so the line count bounds the array.
+    FileBytes text;
+    if (!readWholeFile(FileName, text)) return false;
     const std::string_view view = text.view();
-    content.reserve(static_cast<std::size_t>(std::count(view.begin(), view.end(), '\n')));
+    std::vector<Record> records;
+    // One record per line at most.
+    records.reserve(static_cast<std::size_t>(std::count(view.begin(), view.end(), '\n')));
     std::string pending;
     parseIni(view, pending,
              [&](std::string_view comments, char commented, std::string_view section,
                  std::string_view key, std::string_view value) {
-                 content.push_back(makeRecord(comments, commented, section, key, value));
+                 records.push_back(recordOf(RecordView{comments, commented, section, key, value}));
              });
+    content.swap(records);
     return true;
 }
 
@@ -128,65 +237,23 @@ bool CIniFile::Save(std::string FileName, std::vector<Record>& content) {
     for (const Record& r : content) {
         size += r.Comments.size() + r.Section.size() + r.Key.size() + r.Value.size() + 4;
     }
-    std::string out;
-    out.reserve(size);
-    for (const Record& r : content) {
-        out.append(r.Comments);
-        out.push_back(r.Commented);  // also the blank of a live entry
-        appendEntry(out, r);
-        out.push_back('\n');
-    }
-    if (quelworks::platform::kCrLfLineEnds) {
-        // What a text stream does on write: every line feed, also those inside comments and
-        // values, becomes CR LF.
-        std::string crlf;
-        crlf.reserve(out.size() + content.size() * 2);
-        for (char c : out) {
-            if (c == '\n') crlf.push_back('\r');
-            crlf.push_back(c);
-        }
-        out.swap(crlf);
-    }
-    return quelworks::platform::replaceWholeFile(FileName, out) ==
-           quelworks::platform::WriteResult::Written;
+    RecordWriter out(size, true);
+    for (const Record& r : content) out.write(viewOf(r));
+    return writeText(FileName, out.take());
 }
 
 std::string CIniFile::Content(std::string FileName) {
-    quelworks::platform::FileBytes text;
-    if (!quelworks::platform::readWholeFile(FileName, text)) return std::string();
-    // The records are written straight into the result. It is rarely longer than the file (blank
-    // lines, trimming and leading blanks go), but can be: a '=x' line renders as its section's
-    // header, so the room left is checked for every record.
-    std::string out;
-    out.resize(text.size + 64);
-    std::size_t used = 0;
-    auto put = [&](std::string_view s) {
-        if (s.empty()) return;  // an empty view may hold no pointer at all
-        std::memcpy(&out[used], s.data(), s.size());
-        used += s.size();
-    };
+    FileBytes text;
+    if (!readWholeFile(FileName, text)) return std::string();
+    // The result is rarely longer than the file: blank lines, trimming and leading blanks go.
+    RecordWriter out(text.size, false);
     std::string pending;
     parseIni(text.view(), pending,
              [&](std::string_view comments, char commented, std::string_view section,
                  std::string_view key, std::string_view value) {
-                 std::size_t need =
-                     comments.size() + section.size() + key.size() + value.size() + 4;
-                 if (out.size() - used < need) out.resize(std::max(out.size() * 2, used + need));
-                 put(comments);
-                 if (commented != ' ') out[used++] = commented;
-                 if (key.empty()) {
-                     out[used++] = '[';
-                     put(section);
-                     out[used++] = ']';
-                 } else {
-                     put(key);
-                     out[used++] = '=';
-                     put(value);
-                 }
-                 out[used++] = '\n';
+                 out.write(RecordView{comments, commented, section, key, value});
              });
-    out.resize(used);
-    return out;
+    return out.take();
 }
 
 bool CIniFile::Create(std::string FileName) {
@@ -194,33 +261,29 @@ bool CIniFile::Create(std::string FileName) {
     return Save(FileName, none);
 }
 
-// ---- Queries: one pass over the file, keeping only the matches.
+// ---- Queries: one pass over the file, keeping only the matches. A query goes on reading after
+// its first match: a malformed line further down fails it just as it fails loading the file.
 
 std::vector<std::string> CIniFile::GetSectionNames(std::string FileName) {
     std::vector<std::string> names;
-    scanFile(FileName, [&](std::string_view, char, std::string_view section, std::string_view key,
-                           std::string_view) {
-        if (key.empty()) names.emplace_back(section);
+    scanFile(FileName, [&](const RecordView& r) {
+        if (r.key.empty()) names.emplace_back(r.section);
     });
     return names;
 }
 
 std::vector<CIniFile::Record> CIniFile::GetSection(std::string SectionName, std::string FileName) {
     std::vector<Record> keys;
-    scanFile(FileName, [&](std::string_view comments, char commented, std::string_view section,
-                           std::string_view key, std::string_view value) {
-        if (!key.empty() && section == SectionName) {
-            keys.push_back(makeRecord(comments, commented, section, key, value));
-        }
+    scanFile(FileName, [&](const RecordView& r) {
+        if (!r.key.empty() && r.section == SectionName) keys.push_back(recordOf(r));
     });
     return keys;
 }
 
 std::vector<CIniFile::Record> CIniFile::GetSections(std::string FileName) {
     std::vector<Record> headers;
-    scanFile(FileName, [&](std::string_view comments, char commented, std::string_view section,
-                           std::string_view key, std::string_view value) {
-        if (key.empty()) headers.push_back(makeRecord(comments, commented, section, key, value));
+    scanFile(FileName, [&](const RecordView& r) {
+        if (r.key.empty()) headers.push_back(recordOf(r));
     });
     return headers;
 }
@@ -228,13 +291,8 @@ std::vector<CIniFile::Record> CIniFile::GetSections(std::string FileName) {
 std::vector<CIniFile::Record> CIniFile::GetRecord(std::string KeyName, std::string SectionName,
                                                   std::string FileName) {
     std::vector<Record> found;
-    // The whole file is still read after the first match: a malformed line further down fails
-    // the query just as it fails loading the file.
-    scanFile(FileName, [&](std::string_view comments, char commented, std::string_view section,
-                           std::string_view key, std::string_view value) {
-        if (found.empty() && key == KeyName && section == SectionName) {
-            found.push_back(makeRecord(comments, commented, section, key, value));
-        }
+    scanFile(FileName, [&](const RecordView& r) {
+        if (found.empty() && keyMatch(r, KeyName, SectionName)) found.push_back(recordOf(r));
     });
     return found;
 }
@@ -242,10 +300,9 @@ std::vector<CIniFile::Record> CIniFile::GetRecord(std::string KeyName, std::stri
 std::string CIniFile::GetValue(std::string KeyName, std::string SectionName, std::string FileName) {
     std::string result;
     bool found = false;
-    scanFile(FileName, [&](std::string_view, char, std::string_view section, std::string_view key,
-                           std::string_view value) {
-        if (!found && key == KeyName && section == SectionName) {
-            result.assign(value);
+    scanFile(FileName, [&](const RecordView& r) {
+        if (!found && keyMatch(r, KeyName, SectionName)) {
+            result.assign(r.value);
             found = true;
         }
     });
@@ -254,9 +311,8 @@ std::string CIniFile::GetValue(std::string KeyName, std::string SectionName, std
 
 bool CIniFile::RecordExists(std::string KeyName, std::string SectionName, std::string FileName) {
     bool found = false;
-    bool opened = scanFile(FileName, [&](std::string_view, char, std::string_view section,
-                                         std::string_view key, std::string_view) {
-        if (!found && key == KeyName && section == SectionName) found = true;
+    bool opened = scanFile(FileName, [&](const RecordView& r) {
+        if (!found && keyMatch(r, KeyName, SectionName)) found = true;
     });
     // A file that cannot be opened counts as holding the record.
     return found || !opened;
@@ -264,140 +320,140 @@ bool CIniFile::RecordExists(std::string KeyName, std::string SectionName, std::s
 
 bool CIniFile::SectionExists(std::string SectionName, std::string FileName) {
     bool found = false;
-    bool opened = scanFile(FileName, [&](std::string_view, char, std::string_view section,
-                                         std::string_view, std::string_view) {
-        if (!found && section == SectionName) found = true;
+    bool opened = scanFile(FileName, [&](const RecordView& r) {
+        if (!found && r.section == SectionName) found = true;
     });
     return found || !opened;
 }
 
-// ---- Edits: load once, change the array, save. Existence checks use the loaded records.
+// ---- Edits: one pass that writes the new file while reading the old one.
 
 bool CIniFile::SetValue(std::string KeyName, std::string Value, std::string SectionName,
                         std::string FileName) {
-    std::vector<Record> content;
-    if (!Load(FileName, content)) return false;
-    std::ptrdiff_t sectionAt = findSection(content, SectionName);
-    if (sectionAt < 0) {
-        Record header;
-        header.Section = SectionName;
-        content.push_back(std::move(header));
-        Record entry;
-        entry.Section = std::move(SectionName);
-        entry.Key = std::move(KeyName);
-        entry.Value = std::move(Value);
-        content.push_back(std::move(entry));
-        return Save(FileName, content);
+    // In one pass: replace the value of the first matching key, and remember where the first
+    // record of the section ends, which is where a new key goes when there is no match.
+    RecordWriter out(0, true);
+    bool sectionSeen = false;
+    bool replaced = false;
+    std::size_t insertAt = 0;
+    if (!rewrite(FileName, out, [&](RecordWriter& w, RecordView r) {
+            if (!replaced && keyMatch(r, KeyName, SectionName)) {
+                r.value = Value;
+                replaced = true;
+            }
+            w.write(r);
+            if (!sectionSeen && r.section == SectionName) {
+                sectionSeen = true;
+                insertAt = w.size();
+            }
+        })) {
+        return false;
     }
-    std::ptrdiff_t recordAt = findRecord(content, KeyName, SectionName);
-    if (recordAt < 0) {
-        // A new key goes directly after the first record of its section.
-        Record entry;
-        entry.Section = std::move(SectionName);
-        entry.Key = std::move(KeyName);
-        entry.Value = std::move(Value);
-        content.insert(content.begin() + sectionAt + 1, std::move(entry));
-        return Save(FileName, content);
+    const RecordView entry{std::string_view(), ' ', SectionName, KeyName, Value};
+    if (!sectionSeen) {
+        // A new section with its key at the end of the file.
+        out.write(RecordView{std::string_view(), ' ', SectionName, std::string_view(), {}});
+        out.write(entry);
+        return writeText(FileName, out.take());
     }
-    content[static_cast<std::size_t>(recordAt)].Value = std::move(Value);
-    return Save(FileName, content);
+    std::string text = out.take();
+    if (!replaced) {
+        RecordWriter line(KeyName.size() + Value.size(), true);
+        line.write(entry);
+        text.insert(insertAt, line.take());
+    }
+    return writeText(FileName, std::move(text));
 }
 
 bool CIniFile::AddSection(std::string SectionName, std::string FileName) {
-    std::vector<Record> content;
-    if (!Load(FileName, content)) return false;
-    Record header;
-    header.Section = std::move(SectionName);
-    content.push_back(std::move(header));
-    return Save(FileName, content);
+    RecordWriter out(0, true);
+    if (!rewrite(FileName, out, [](RecordWriter& w, const RecordView& r) { w.write(r); })) {
+        return false;
+    }
+    out.write(RecordView{std::string_view(), ' ', SectionName, std::string_view(), {}});
+    return writeText(FileName, out.take());
 }
 
 bool CIniFile::RenameSection(std::string OldSectionName, std::string NewSectionName,
                              std::string FileName) {
-    std::vector<Record> content;
-    if (!Load(FileName, content)) return false;
-    for (Record& r : content) {
-        if (r.Section == OldSectionName) r.Section = NewSectionName;
-    }
-    return Save(FileName, content);
+    return editAll(
+        FileName, [&](const RecordView& r) { return r.section == OldSectionName; },
+        [&](RecordWriter& w, RecordView r) {
+            r.section = NewSectionName;
+            w.write(r);
+        });
 }
 
 bool CIniFile::CommentRecord(CommentChar cc, std::string KeyName, std::string SectionName,
                              std::string FileName) {
-    std::vector<Record> content;
-    if (!Load(FileName, content)) return false;
-    std::ptrdiff_t at = findRecord(content, KeyName, SectionName);
-    if (at < 0) return false;
-    content[static_cast<std::size_t>(at)].Commented = static_cast<char>(cc);
-    return Save(FileName, content);
+    return editFirst(
+        FileName, [&](const RecordView& r) { return keyMatch(r, KeyName, SectionName); },
+        [&](RecordWriter& w, RecordView r) {
+            r.commented = static_cast<char>(cc);
+            w.write(r);
+        });
 }
 
 bool CIniFile::UnCommentRecord(std::string KeyName, std::string SectionName, std::string FileName) {
-    std::vector<Record> content;
-    if (!Load(FileName, content)) return false;
-    std::ptrdiff_t at = findRecord(content, KeyName, SectionName);
-    if (at < 0) return false;
-    content[static_cast<std::size_t>(at)].Commented = ' ';
-    return Save(FileName, content);
+    return editFirst(
+        FileName, [&](const RecordView& r) { return keyMatch(r, KeyName, SectionName); },
+        [](RecordWriter& w, RecordView r) {
+            r.commented = ' ';
+            w.write(r);
+        });
 }
 
 bool CIniFile::CommentSection(char cc, std::string SectionName, std::string FileName) {
-    std::vector<Record> content;
-    if (!Load(FileName, content)) return false;
-    for (Record& r : content) {
-        if (r.Section == SectionName) r.Commented = cc;
-    }
-    return Save(FileName, content);
+    return editAll(
+        FileName, [&](const RecordView& r) { return r.section == SectionName; },
+        [&](RecordWriter& w, RecordView r) {
+            r.commented = cc;
+            w.write(r);
+        });
 }
 
 bool CIniFile::UnCommentSection(std::string SectionName, std::string FileName) {
-    std::vector<Record> content;
-    if (!Load(FileName, content)) return false;
-    for (Record& r : content) {
-        if (r.Section == SectionName) r.Commented = ' ';
-    }
-    return Save(FileName, content);
+    return editAll(
+        FileName, [&](const RecordView& r) { return r.section == SectionName; },
+        [](RecordWriter& w, RecordView r) {
+            r.commented = ' ';
+            w.write(r);
+        });
 }
 
 bool CIniFile::DeleteRecord(std::string KeyName, std::string SectionName, std::string FileName) {
-    std::vector<Record> content;
-    if (!Load(FileName, content)) return false;
-    std::ptrdiff_t at = findRecord(content, KeyName, SectionName);
-    if (at < 0) return false;
-    content.erase(content.begin() + at);
-    return Save(FileName, content);
+    // The record goes with its comments.
+    return editFirst(
+        FileName, [&](const RecordView& r) { return keyMatch(r, KeyName, SectionName); },
+        [](RecordWriter&, const RecordView&) {});
 }
 
 bool CIniFile::DeleteSection(std::string SectionName, std::string FileName) {
-    std::vector<Record> content;
-    if (!Load(FileName, content)) return false;
-    content.erase(std::remove_if(content.begin(), content.end(),
-                                 [&](const Record& r) { return r.Section == SectionName; }),
-                  content.end());
-    return Save(FileName, content);
+    return editAll(
+        FileName, [&](const RecordView& r) { return r.section == SectionName; },
+        [](RecordWriter&, const RecordView&) {});
 }
 
 bool CIniFile::SetSectionComments(std::string Comments, std::string SectionName,
                                   std::string FileName) {
-    std::vector<Record> content;
-    if (!Load(FileName, content)) return false;
-    for (Record& r : content) {
-        if (r.Section == SectionName && r.Key.empty()) {
-            r.Comments = prepareComments(std::move(Comments));
-            return Save(FileName, content);
-        }
-    }
-    return false;
+    const std::string text = prepareComments(std::move(Comments));
+    return editFirst(
+        FileName, [&](const RecordView& r) { return r.key.empty() && r.section == SectionName; },
+        [&](RecordWriter& w, RecordView r) {
+            r.comments = text;
+            w.write(r);
+        });
 }
 
 bool CIniFile::SetRecordComments(std::string Comments, std::string KeyName, std::string SectionName,
                                  std::string FileName) {
-    std::vector<Record> content;
-    if (!Load(FileName, content)) return false;
-    std::ptrdiff_t at = findRecord(content, KeyName, SectionName);
-    if (at < 0) return false;
-    content[static_cast<std::size_t>(at)].Comments = prepareComments(std::move(Comments));
-    return Save(FileName, content);
+    const std::string text = prepareComments(std::move(Comments));
+    return editFirst(
+        FileName, [&](const RecordView& r) { return keyMatch(r, KeyName, SectionName); },
+        [&](RecordWriter& w, RecordView r) {
+            r.comments = text;
+            w.write(r);
+        });
 }
 
 bool CIniFile::Sort(std::string FileName, bool Descending) {
