@@ -26,8 +26,6 @@
 namespace quelworks::detail {
 namespace {
 
-constexpr std::uint32_t kMaxDword = 0xFFFFFFFFu;
-
 using Clock = std::chrono::steady_clock;
 
 struct OpenPort {
@@ -155,6 +153,15 @@ tcflag_t speedCode(std::uint32_t rate) {
 void setModemLine(int fd, int line, bool on) {
     // A pty has no modem lines: the call fails there, which is fine.
     ::ioctl(fd, on ? TIOCMBIS : TIOCMBIC, &line);
+}
+
+// Time-outs beyond this (about 35 years) are treated as this, so that clock arithmetic never
+// overflows.
+constexpr std::uint64_t kLongestWaitMs = std::uint64_t{1} << 40;
+
+std::chrono::milliseconds clampedMs(std::uint64_t ms) {
+    return std::chrono::milliseconds(
+        static_cast<long long>(ms < kLongestWaitMs ? ms : kLongestWaitMs));
 }
 
 // Milliseconds left until `deadline`, rounded up, at least 0.
@@ -331,37 +338,23 @@ bool readPort(PortHandle handle, void* data, std::uint32_t count, std::uint32_t*
     if (count == 0) return true;
     auto* out = static_cast<unsigned char*>(data);
 
-    // The Win32 rules: interval MAXDWORD with both totals 0 returns at once with what is there;
-    // interval and multiplier MAXDWORD with a constant waits up to the constant for the first byte
-    // and then returns at once; otherwise the total and the gap between bytes limit the read.
-    const bool returnAtOnce = t.ReadIntervalTimeout == kMaxDword &&
-                              t.ReadTotalTimeoutMultiplier == 0 && t.ReadTotalTimeoutConstant == 0;
-    const bool waitForFirst =
-        t.ReadIntervalTimeout == kMaxDword && t.ReadTotalTimeoutMultiplier == kMaxDword &&
-        t.ReadTotalTimeoutConstant != 0 && t.ReadTotalTimeoutConstant != kMaxDword;
+    // The Win32 rule: the read ends after multiplier * count + constant ms (no limit when both
+    // are 0), or when the gap after a received byte exceeds the interval (0: no interval limit).
     const std::uint64_t totalMs =
-        waitForFirst
-            ? t.ReadTotalTimeoutConstant
-            : std::uint64_t{t.ReadTotalTimeoutMultiplier} * count + t.ReadTotalTimeoutConstant;
-    const bool hasTotal = !returnAtOnce && totalMs != 0;
-    const bool hasInterval = !returnAtOnce && !waitForFirst && t.ReadIntervalTimeout != 0 &&
-                             t.ReadIntervalTimeout != kMaxDword;
+        std::uint64_t{t.ReadTotalTimeoutMultiplier} * count + t.ReadTotalTimeoutConstant;
+    const bool hasTotal = totalMs != 0;
+    const bool hasInterval = t.ReadIntervalTimeout != 0;
     const Clock::time_point start = Clock::now();
-    const Clock::time_point deadline = start + std::chrono::milliseconds(totalMs);
+    const Clock::time_point deadline = start + clampedMs(totalMs);
     Clock::time_point lastByte = start;
 
     std::uint32_t got = 0;
     while (got < count) {
-        int wait = -1;
-        if (returnAtOnce || (waitForFirst && got > 0)) {
-            wait = 0;
-        } else {
-            if (hasTotal) wait = millisecondsUntil(deadline);
-            if (hasInterval && got > 0) {
-                int gap =
-                    millisecondsUntil(lastByte + std::chrono::milliseconds(t.ReadIntervalTimeout));
-                wait = wait < 0 ? gap : (gap < wait ? gap : wait);
-            }
+        int wait = hasTotal ? millisecondsUntil(deadline) : -1;
+        if (hasInterval && got > 0) {
+            int gap =
+                millisecondsUntil(lastByte + std::chrono::milliseconds(t.ReadIntervalTimeout));
+            wait = wait < 0 ? gap : (gap < wait ? gap : wait);
         }
         pollfd fds[2] = {{port->fd, POLLIN, 0}, {port->wakeRead, POLLIN, 0}};
         int r = ::poll(fds, 2, wait);
@@ -371,7 +364,6 @@ bool readPort(PortHandle handle, void* data, std::uint32_t count, std::uint32_t*
         }
         if (fds[1].revents != 0) return false;  // interrupted or closed
         if (r == 0) {
-            if (wait == 0 || returnAtOnce) break;
             if (hasTotal && Clock::now() >= deadline) break;
             if (hasInterval && got > 0 &&
                 Clock::now() >= lastByte + std::chrono::milliseconds(t.ReadIntervalTimeout))
@@ -411,7 +403,7 @@ bool writePort(PortHandle handle, const void* data, std::uint32_t count,
     const auto* in = static_cast<const unsigned char*>(data);
     const std::uint64_t totalMs =
         std::uint64_t{t.WriteTotalTimeoutMultiplier} * count + t.WriteTotalTimeoutConstant;
-    const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(totalMs);
+    const Clock::time_point deadline = Clock::now() + clampedMs(totalMs);
 
     std::uint32_t done = 0;
     while (done < count) {

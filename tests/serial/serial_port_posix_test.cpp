@@ -19,8 +19,6 @@ using quelworks::DeviceControlBlock;
 using qwtest::Bytes;
 using Clock = std::chrono::steady_clock;
 
-constexpr std::uint32_t kMax = 0xFFFFFFFFu;
-
 long long msSince(Clock::time_point start) {
     return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
 }
@@ -85,27 +83,6 @@ TEST_F(PosixPort, IntervalEndsAReadAfterAGap) {
     EXPECT_LT(took, 350);
     EXPECT_TRUE(peer.finish());
     EXPECT_EQ(read(1, &took), (Bytes{'c'}));
-}
-
-TEST_F(PosixPort, SpecialReadModes) {
-    long long took = 0;
-    setTimeouts(kMax, 0, 0);  // return at once with what is there
-    EXPECT_TRUE(read(5, &took).empty());
-    EXPECT_LT(took, 50);
-    pty_.write({9, 8});
-    std::this_thread::sleep_for(20ms);
-    EXPECT_EQ(read(5, &took), (Bytes{9, 8}));
-
-    setTimeouts(kMax, kMax, 120);  // wait up to 120 ms for the first byte, then return at once
-    EXPECT_TRUE(read(5, &took).empty());
-    EXPECT_GE(took, 110);
-    EXPECT_LT(took, 600);
-    qwtest::ScriptedPeer peer(pty_);
-    peer.delay(30ms).reply({7}).delay(200ms).reply({6});
-    peer.start();
-    EXPECT_EQ(read(5, &took), (Bytes{7}));
-    EXPECT_LT(took, 150);
-    EXPECT_TRUE(peer.finish());
 }
 
 TEST_F(PosixPort, WriteTimeoutReturnsWithTheBytesAccepted) {
