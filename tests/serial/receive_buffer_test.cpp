@@ -70,23 +70,6 @@ TEST(ReceiveBuffer, UnknownBytesAreDroppedWithATerminator) {
               (std::vector<Reply>{{}, {}, {}, {0x10, 0x0D, 0x0A, 0x01}}));
 }
 
-TEST(ReceiveBuffer, TerminatorEndsAReplyStartedWhileItWasEmpty) {
-    // The terminator is consulted byte by byte, so a reply that began while it was empty ends
-    // with whatever terminator is set when the following bytes arrive.
-    ReceiveBuffer framer;
-    EXPECT_TRUE(framer.AddToBuffer('A').empty());
-    framer.Terminator = "\r\n";
-    EXPECT_EQ(feed(framer, {'B', '\r', '\n'}),
-              (std::vector<Reply>{{}, {}, {'A', 'B', '\r', '\n'}}));
-    // The whole text must be longer than the terminator: a reply of just the terminator is not
-    // complete.
-    framer.Terminator = "";
-    EXPECT_TRUE(framer.AddToBuffer('\r').empty());
-    framer.Terminator = "\r\n";
-    EXPECT_TRUE(framer.AddToBuffer('\n').empty());
-    EXPECT_EQ(feed(framer, {'\r', '\n'}), (std::vector<Reply>{{}, {'\r', '\n', '\r', '\n'}}));
-}
-
 TEST(ReceiveBuffer, ZeroAndNegativeLengths) {
     ReceiveBuffer framer;
     framer.AddCommand(0x30, 0);  // remaining -1: treated as unknown
