@@ -10,6 +10,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -56,6 +57,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         if (!next(c)) return 0;
         terminator.push_back(static_cast<char>(c));
     }
+    terminator.resize(std::strlen(terminator.c_str()));  // the framer sees a zero-ended text
     framer.Terminator = terminator.c_str();
 
     std::vector<std::uint8_t> pending;  // bytes of the reply being collected
