@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <iterator>
 #include <random>
 #include <stdexcept>
 #include <string>
@@ -155,62 +156,56 @@ TEST(IniReference, EditsWriteTheSameBytes) {
                 random.pick(3) == 0 ? "x" : "; " + v + (random.pick(2) ? "\n" : "");
             const char cc = "#;!"[random.pick(3)];
             const bool flag = random.pick(2) == 0;
-            std::function<bool()> lib;
-            std::function<bool()> reference;
-            switch (random.pick(12)) {
-                case 0:
-                    lib = [&] { return CIniFile::SetValue(k, v, s, libPath); };
-                    reference = [&] { return ref::setValue(k, v, s, refPath); };
-                    break;
-                case 1:
-                    lib = [&] { return CIniFile::AddSection(s, libPath); };
-                    reference = [&] { return ref::addSection(s, refPath); };
-                    break;
-                case 2:
-                    lib = [&] { return CIniFile::RenameSection(s, t, libPath); };
-                    reference = [&] { return ref::renameSection(s, t, refPath); };
-                    break;
-                case 3: {
+            // Each edit, run on the library (true) or the reference (false).
+            using Edit = std::function<bool(bool, const std::string&)>;
+            const Edit edits[] = {
+                [&](bool lib, const std::string& f) {
+                    return lib ? CIniFile::SetValue(k, v, s, f) : ref::setValue(k, v, s, f);
+                },
+                [&](bool lib, const std::string& f) {
+                    return lib ? CIniFile::AddSection(s, f) : ref::addSection(s, f);
+                },
+                [&](bool lib, const std::string& f) {
+                    return lib ? CIniFile::RenameSection(s, t, f) : ref::renameSection(s, t, f);
+                },
+                [&](bool lib, const std::string& f) {
                     auto e = flag ? CIniFile::Hash : CIniFile::Semicolon;
-                    lib = [&, e] { return CIniFile::CommentRecord(e, k, s, libPath); };
-                    reference = [&, e] {
-                        return ref::setRecordCommented(static_cast<char>(e), k, s, refPath);
-                    };
-                    break;
-                }
-                case 4:
-                    lib = [&] { return CIniFile::UnCommentRecord(k, s, libPath); };
-                    reference = [&] { return ref::setRecordCommented(' ', k, s, refPath); };
-                    break;
-                case 5:
-                    lib = [&] { return CIniFile::CommentSection(cc, s, libPath); };
-                    reference = [&] { return ref::setSectionCommented(cc, s, refPath); };
-                    break;
-                case 6:
-                    lib = [&] { return CIniFile::UnCommentSection(s, libPath); };
-                    reference = [&] { return ref::setSectionCommented(' ', s, refPath); };
-                    break;
-                case 7:
-                    lib = [&] { return CIniFile::DeleteRecord(k, s, libPath); };
-                    reference = [&] { return ref::deleteRecord(k, s, refPath); };
-                    break;
-                case 8:
-                    lib = [&] { return CIniFile::DeleteSection(s, libPath); };
-                    reference = [&] { return ref::deleteSection(s, refPath); };
-                    break;
-                case 9:
-                    lib = [&] { return CIniFile::SetSectionComments(c, s, libPath); };
-                    reference = [&] { return ref::setSectionComments(c, s, refPath); };
-                    break;
-                case 10:
-                    lib = [&] { return CIniFile::SetRecordComments(c, k, s, libPath); };
-                    reference = [&] { return ref::setRecordComments(c, k, s, refPath); };
-                    break;
-                default:
-                    lib = [&] { return CIniFile::Sort(libPath, flag); };
-                    reference = [&] { return ref::sort(refPath, flag); };
-                    break;
-            }
+                    return lib ? CIniFile::CommentRecord(e, k, s, f)
+                               : ref::setRecordCommented(static_cast<char>(e), k, s, f);
+                },
+                [&](bool lib, const std::string& f) {
+                    return lib ? CIniFile::UnCommentRecord(k, s, f)
+                               : ref::setRecordCommented(' ', k, s, f);
+                },
+                [&](bool lib, const std::string& f) {
+                    return lib ? CIniFile::CommentSection(cc, s, f)
+                               : ref::setSectionCommented(cc, s, f);
+                },
+                [&](bool lib, const std::string& f) {
+                    return lib ? CIniFile::UnCommentSection(s, f)
+                               : ref::setSectionCommented(' ', s, f);
+                },
+                [&](bool lib, const std::string& f) {
+                    return lib ? CIniFile::DeleteRecord(k, s, f) : ref::deleteRecord(k, s, f);
+                },
+                [&](bool lib, const std::string& f) {
+                    return lib ? CIniFile::DeleteSection(s, f) : ref::deleteSection(s, f);
+                },
+                [&](bool lib, const std::string& f) {
+                    return lib ? CIniFile::SetSectionComments(c, s, f)
+                               : ref::setSectionComments(c, s, f);
+                },
+                [&](bool lib, const std::string& f) {
+                    return lib ? CIniFile::SetRecordComments(c, k, s, f)
+                               : ref::setRecordComments(c, k, s, f);
+                },
+                [&](bool lib, const std::string& f) {
+                    return lib ? CIniFile::Sort(f, flag) : ref::sort(f, flag);
+                },
+            };
+            const Edit& edit = edits[random.pick(std::size(edits))];
+            const std::function<bool()> lib = [&] { return edit(true, libPath); };
+            const std::function<bool()> reference = [&] { return edit(false, refPath); };
             const std::string before = readFile(libPath);
             expectSame<bool>(lib, reference, "edit", before);
             ASSERT_EQ(readFile(libPath), readFile(refPath)) << "after an edit of\n" << before;
