@@ -31,6 +31,9 @@ inline bool truncatesPositive(float v) {
 inline bool truncatesNegative(float v) {
     return !((v > -1.0f) & (v < 2147483648.0f));
 }
+inline bool truncatesNonNegative(float v) {
+    return (v > -1.0f) & (v < 2147483648.0f);
+}
 
 }  // namespace detail
 }  // namespace quelworks

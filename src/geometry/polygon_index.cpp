@@ -3,6 +3,7 @@
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <stdexcept>
 
 #include "geometry/float_to_int.h"
@@ -18,6 +19,18 @@ namespace {
 // band they span, so many long edges call for fewer bands.
 constexpr double kEntriesPerEdge = 64.0;
 constexpr std::size_t kMaxBands = 1u << 16;
+
+// Widening conversions to float, so that an interval only grows.
+float floatAtMost(double v) {
+    float f = static_cast<float>(v);
+    if (static_cast<double>(f) > v) f = std::nextafter(f, -std::numeric_limits<float>::infinity());
+    return f;
+}
+float floatAtLeast(double v) {
+    float f = static_cast<float>(v);
+    if (static_cast<double>(f) < v) f = std::nextafter(f, std::numeric_limits<float>::infinity());
+    return f;
+}
 
 }  // namespace
 
@@ -100,6 +113,151 @@ PolygonIndex::PolygonIndex(const std::vector<pointf>& polygon) : points_(polygon
     bandStart_ = counts;
     bandEdges_.resize(counts[bandCount_]);
     forEachBand([&](std::size_t b, std::uint32_t e) { bandEdges_[counts[b]++] = e; });
+
+    buildSlabs();
+}
+
+void PolygonIndex::buildSlabs() {
+    const std::size_t n = points_.size();
+    if (n < 2) return;
+    minX_ = maxX_ = points_[0].x;
+    for (const pointf& p : points_) {
+        if (!std::isfinite(p.x) || !std::isfinite(p.y)) return;
+        minX_ = std::min(minX_, p.x);
+        maxX_ = std::max(maxX_, p.x);
+    }
+    // D bounds every coordinate difference between a vertex and a point the slabs answer for
+    // (those within one unit of the bounding box). Rounding in a cross product stays below
+    // 2^-21 D^2, and |cross product| < 2 D^2 < 2^31.
+    const double D = std::max(double(maxX_) - minX_, double(maxY_) - minY_) + 2.0;
+    if (D > 30000.0) return;
+    const double rounding = D * D / 1048576.0;  // 2^-20 D^2, twice the bound
+
+    slabY_.clear();
+    for (const pointf& p : points_) slabY_.push_back(p.y);
+    std::sort(slabY_.begin(), slabY_.end());
+    slabY_.erase(std::unique(slabY_.begin(), slabY_.end()), slabY_.end());
+    if (slabY_.size() < 2) return;
+    const std::size_t slabs = slabY_.size() - 1;
+
+    auto slabRange = [&](float ylo, float yhi, std::size_t& first, std::size_t& last) {
+        first = static_cast<std::size_t>(std::lower_bound(slabY_.begin(), slabY_.end(), ylo) -
+                                         slabY_.begin());
+        last = static_cast<std::size_t>(std::lower_bound(slabY_.begin(), slabY_.end(), yhi) -
+                                        slabY_.begin());  // slabs first .. last-1
+    };
+    // Size first: long edges are listed in every slab they cross, which for some shapes is too
+    // much; those polygons keep to the bands.
+    std::size_t total = 0;
+    for (std::size_t i = 0; i + 1 < n; ++i) {
+        const pointf a = points_[i], b = points_[i + 1];
+        if (a.y == b.y) continue;
+        std::size_t first, last;
+        slabRange(std::min(a.y, b.y), std::max(a.y, b.y), first, last);
+        total += last - first;
+    }
+    if (total > 4000000 + 64 * n) return;
+
+    struct Entry {
+        float lo, hi;
+        std::uint32_t edge;
+    };
+    std::vector<std::vector<Entry>> perSlab(slabs);
+    std::vector<std::vector<std::uint32_t>> exact(slabs);
+    for (std::size_t i = 0; i + 1 < n; ++i) {
+        const pointf a = points_[i], b = points_[i + 1];
+        if (a.y == b.y) continue;
+        const double h = std::fabs(double(b.y) - a.y);
+        std::size_t first, last;
+        slabRange(std::min(a.y, b.y), std::max(a.y, b.y), first, last);
+        for (std::size_t s = first; s < last; ++s) {
+            if (h < 1.0) {
+                // A short rise gives a den that truncates to 0: always tested exactly.
+                exact[s].push_back(static_cast<std::uint32_t>(i));
+                continue;
+            }
+            // The line's x over the slab, widened by the margin at which |cross product| =
+            // h * horizontal distance is at least 2 plus the rounding.
+            const double slope = (double(b.x) - a.x) / (double(b.y) - a.y);
+            const double x1 = a.x + (double(slabY_[s]) - a.y) * slope;
+            const double x2 = a.x + (double(slabY_[s + 1]) - a.y) * slope;
+            const double margin = (2.0 + rounding) / h + 1e-6 * D;
+            perSlab[s].push_back({floatAtMost(std::min(x1, x2) - margin),
+                                  floatAtLeast(std::max(x1, x2) + margin),
+                                  static_cast<std::uint32_t>(i)});
+        }
+    }
+    slabStart_.assign(1, 0);
+    exactStart_.assign(1, 0);
+    slabExtent_ = D;
+    slabMinRise_.assign(slabs, std::numeric_limits<double>::infinity());
+    for (std::size_t s = 0; s < slabs; ++s) {
+        std::vector<Entry>& list = perSlab[s];
+        for (const Entry& e : list) {
+            const double h = std::fabs(double(points_[e.edge + 1].y) - points_[e.edge].y);
+            slabMinRise_[s] = std::min(slabMinRise_[s], h);
+        }
+        std::sort(list.begin(), list.end(),
+                  [](const Entry& l, const Entry& r) { return l.lo < r.lo; });
+        float running = -std::numeric_limits<float>::infinity();
+        for (const Entry& e : list) {
+            running = std::max(running, e.hi);
+            slabLo_.push_back(e.lo);
+            slabHi_.push_back(e.hi);
+            slabMaxHi_.push_back(running);
+            slabEdge_.push_back(e.edge);
+        }
+        slabStart_.push_back(static_cast<std::uint32_t>(slabLo_.size()));
+        exactEdge_.insert(exactEdge_.end(), exact[s].begin(), exact[s].end());
+        exactStart_.push_back(static_cast<std::uint32_t>(exactEdge_.size()));
+    }
+    slabsUsable_ = true;
+}
+
+unsigned PolygonIndex::exactParity(std::uint32_t edge, pointf q) const {
+    unsigned right = 0;
+    unsigned left = 0;
+    countCrossing(q, points_[edge], points_[edge + 1], right, left);
+    return (right & 1u) | ((left & 1u) << 1);
+}
+
+int PolygonIndex::slabContains(pointf q) const {
+    if (!slabsUsable_) return -1;
+    // Beyond the y range no edge crosses the row and no vertex can be hit.
+    if (q.y < slabY_.front() || q.y > slabY_.back()) return 0;
+    // Strictly inside the y range (so no vertex is hit); NaN fails.
+    if (!(q.y > slabY_.front() && q.y < slabY_.back())) return -1;
+    if (std::isnan(q.x)) return -1;
+    const std::size_t s =
+        static_cast<std::size_t>(std::upper_bound(slabY_.begin(), slabY_.end(), q.y) -
+                                 slabY_.begin()) -
+        1;
+    if (slabY_[s] == q.y) return -1;  // on a vertex row
+    const std::uint32_t begin = slabStart_[s];
+    const std::uint32_t end = slabStart_[s + 1];
+    unsigned exactPart = 0;
+    for (std::uint32_t k = exactStart_[s]; k < exactStart_[s + 1]; ++k) {
+        exactPart ^= exactParity(exactEdge_[k], q);
+    }
+    if (!(q.x >= minX_ - 1.0f && q.x <= maxX_ + 1.0f)) {
+        // Left or right of every vertex: every listed edge lies on the same side of q. That
+        // decides their counts when the cross products, h times the distance, stay clear of the
+        // rounding and of the int range.
+        const double dist = q.x < minX_ ? double(minX_) - q.x : double(q.x) - maxX_;
+        const double d = slabExtent_ + dist;
+        if (d > 30000.0 || slabMinRise_[s] * dist < 2.0 + d * d / 1048576.0) return -1;
+        const unsigned listed = (q.x < minX_ && ((end - begin) & 1u)) ? 3u : 0u;
+        return (listed ^ exactPart) != 0 ? 1 : 0;
+    }
+    const float* lo = slabLo_.data();
+    const std::uint32_t notLeft =
+        static_cast<std::uint32_t>(std::upper_bound(lo + begin, lo + end, q.x) - (lo + begin));
+    // Edges entirely right of q add one to both counts.
+    unsigned parity = ((end - begin - notLeft) & 1u) ? 3u : 0u;
+    for (std::uint32_t i = begin + notLeft; i > begin && slabMaxHi_[i - 1] >= q.x; --i) {
+        if (slabHi_[i - 1] >= q.x) parity ^= exactParity(slabEdge_[i - 1], q);
+    }
+    return (parity ^ exactPart) != 0 ? 1 : 0;
 }
 
 std::size_t PolygonIndex::bandOf(float y) const {
@@ -152,6 +310,8 @@ void PolygonIndex::gatherRow(float qy, PolygonScratch& s) const {
 
 bool PolygonIndex::contains(pointf q, PolygonScratch& s) const {
     if (points_.empty()) throw std::out_of_range("IsPointInPolygon: the polygon has no vertices");
+    const int bySlab = slabContains(q);
+    if (bySlab >= 0) return bySlab != 0;
     gatherRow(q.y, s);
     for (float x : s.vertexX) {
         if (x == q.x) return true;

@@ -59,6 +59,10 @@ public:
 private:
     void gatherRow(float qy, PolygonScratch& scratch) const;
     std::size_t bandOf(float y) const;
+    void buildSlabs();
+    // The containment of a point strictly inside a slab, or -1 when the slabs cannot decide it.
+    int slabContains(pointf q) const;
+    unsigned exactParity(std::uint32_t edge, pointf q) const;
 
     std::vector<pointf> points_;
     // Edges (index of their first vertex) listed per band of y, in compressed rows.
@@ -75,6 +79,25 @@ private:
     bool yRangeKnown_ = false;
     float minY_ = 0.0f;
     float maxY_ = 0.0f;
+
+    // Slabs: the open ranges between neighbouring distinct vertex y values. Within a slab every
+    // edge crossing it crosses every row of it, and an edge whose line lies far enough right of a
+    // point (by a margin that outweighs float rounding and the truncation to int) adds one to
+    // both crossing counts, one far enough left adds nothing. So a point needs a binary search
+    // for the count of edges right of it, and the exact test only for the edges near it.
+    // Used when every coordinate is finite and the polygon is small enough (under 30000 units a
+    // side) that no cross product can leave the int range.
+    bool slabsUsable_ = false;
+    float minX_ = 0.0f;
+    float maxX_ = 0.0f;
+    std::vector<float> slabY_;              // distinct vertex y values, ascending
+    std::vector<std::uint32_t> slabStart_;  // per slab, its range in the four arrays below
+    std::vector<float> slabLo_, slabHi_, slabMaxHi_;  // sorted by lo; maxHi a running maximum
+    std::vector<std::uint32_t> slabEdge_;
+    std::vector<std::uint32_t> exactStart_;  // per slab, edges always tested exactly
+    std::vector<std::uint32_t> exactEdge_;
+    double slabExtent_ = 0.0;          // D: the larger side of the bounding box plus 2
+    std::vector<double> slabMinRise_;  // per slab, the smallest y extent of its listed edges
 };
 
 }  // namespace detail

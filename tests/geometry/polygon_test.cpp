@@ -142,6 +142,16 @@ TEST(IsPointInPolygon, MatchesReferenceOnRandomPolygons) {
     }
 }
 
+TEST(IsPointInPolygon, ManyVerticesMatchReference) {
+    // Rows crossing many spikes, and coordinates off the integer grid.
+    std::mt19937 rng(3);
+    for (int round = 0; round < 6; ++round) {
+        std::vector<pointf> poly = regularStar(100 + 80 * round, 300.5f, 200.25f, 290, 120);
+        if (round % 2) poly.pop_back();  // left open
+        expectContainmentMatches(rng, poly, 3000);
+    }
+}
+
 TEST(IsPointInPolygon, LargeCoordinatesFollowTheTruncation) {
     // Cross products beyond the int range convert to INT_MIN (negative) and change the counts.
     std::mt19937 rng(77);
