@@ -99,7 +99,10 @@ fi
 
 if has windows; then
     step "build: mingw (Windows DLL)"
-    cmake --preset mingw >/dev/null
+    # The Windows tests reach the simulated device, a Linux program, through Wine COM ports.
+    cmake --preset dev >/dev/null
+    cmake --build --preset dev -j "$jobs" --target quelworks-devsim
+    cmake --preset mingw -DQW_HOST_DEVSIM="$PWD/build/dev/tools/devsim/quelworks-devsim" >/dev/null
     cmake --build --preset mingw -j "$jobs"
     step "test: mingw under Wine"
     # shellcheck source=scripts/wine-env.sh

@@ -68,14 +68,12 @@ std::string hexByte(unsigned value) {
     return text;
 }
 
+#ifndef _WIN32
 // A port named without a directory lives in /dev.
 std::string portPath(const std::string& port) {
-#ifdef _WIN32
-    return port;
-#else
     return port.find('/') == std::string::npos ? "/dev/" + port : port;
-#endif
 }
+#endif
 
 // Fails with a clear message unless the port exists and can be opened.
 void checkPort(const std::string& port) {
