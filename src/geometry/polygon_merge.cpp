@@ -19,7 +19,6 @@
 #include <cstring>
 #include <functional>
 #include <queue>
-#include <unordered_map>
 #include <vector>
 
 #include "geometry/polygon_internal.h"
@@ -76,14 +75,89 @@ bool makeKey(std::uint32_t kind, float a, float b, float c, EdgeKey& key) {
 
 enum : std::uint32_t { kLeftEdge, kRightEdge, kBottomEdge, kTopEdge };
 
+// Open-addressing table from edge keys to intrusive lists of rectangle ids: entry id * 4 + kind
+// links a rectangle into the list of its key of that kind. Lists are unordered; dead ids are
+// unlinked when a walk meets them.
+class EdgeTable {
+public:
+    explicit EdgeTable(std::size_t expectedKeys) { resize(expectedKeys * 2 + 16); }
+
+    void reserveIds(std::size_t ids) { next_.reserve(ids * 4); }
+
+    // Links entry `entry` (id * 4 + kind) into the list of `key`.
+    void link(const EdgeKey& key, std::uint32_t entry) {
+        if (next_.size() <= entry) next_.resize(entry + 1, kNone);
+        if ((used_ + 1) * 2 > slots_.size()) resize(slots_.size() * 2);
+        Slot& slot = find(key);
+        if (!slot.used) {
+            slot.used = true;
+            slot.key = key;
+            slot.head = kNone;
+            ++used_;
+        }
+        next_[entry] = slot.head;
+        slot.head = entry;
+    }
+
+    // Calls visit(id) for every linked id of `key`, unlinking the ids for which dead(id) holds.
+    template <typename Dead, typename Visit>
+    void walk(const EdgeKey& key, Dead&& dead, Visit&& visit) {
+        Slot& slot = find(key);
+        if (!slot.used) return;
+        std::uint32_t* link = &slot.head;
+        while (*link != kNone) {
+            const std::uint32_t entry = *link;
+            const std::uint32_t id = entry >> 2;
+            if (dead(id)) {
+                *link = next_[entry];
+                continue;
+            }
+            visit(id);
+            link = &next_[entry];
+        }
+    }
+
+private:
+    struct Slot {
+        EdgeKey key;
+        std::uint32_t head = kNone;
+        bool used = false;
+    };
+
+    Slot& find(const EdgeKey& key) {
+        const std::size_t mask = slots_.size() - 1;
+        std::size_t i = EdgeKeyHash()(key) & mask;
+        while (slots_[i].used && !(slots_[i].key == key)) i = (i + 1) & mask;
+        return slots_[i];
+    }
+
+    void resize(std::size_t atLeast) {
+        std::size_t size = 16;
+        while (size < atLeast) size *= 2;
+        std::vector<Slot> old;
+        old.swap(slots_);
+        slots_.assign(size, Slot());
+        for (const Slot& s : old) {
+            if (s.used) find(s.key) = s;
+        }
+    }
+
+    std::vector<Slot> slots_;
+    std::size_t used_ = 0;
+    std::vector<std::uint32_t> next_;
+};
+
 class Merger {
 public:
-    explicit Merger(std::vector<rectanglef>& rects) : rects_(rects) {
+    explicit Merger(std::vector<rectanglef>& rects)
+        : rects_(rects), items_(rects), table_(rects.size() * 4) {
         const std::size_t n = rects.size();
-        items_ = rects;
+        items_.reserve(2 * n);
+        alive_.reserve(2 * n);
+        partner_.reserve(2 * n);
+        table_.reserveIds(2 * n);
         alive_.assign(n, 1);
         partner_.assign(n, kNone);
-        index_.reserve(n * 4);
         for (std::uint32_t id = 0; id < n; ++id) insert(id);
     }
 
@@ -116,7 +190,7 @@ public:
             candidates(a, affected);
             candidates(b, affected);
             for (std::uint32_t c : affected) {
-                if (!alive_[c] || (partner_[c] != a && partner_[c] != b)) continue;
+                if (partner_[c] != a && partner_[c] != b) continue;
                 partner_[c] = findPartner(c);
                 if (partner_[c] != kNone) heap_.push(c);
             }
@@ -124,7 +198,7 @@ public:
             candidates(m, affected);
             rectanglef unused;
             for (std::uint32_t c : affected) {
-                if (c == m || !alive_[c] || partner_[c] != kNone) continue;
+                if (c == m || partner_[c] != kNone) continue;
                 if (!TryMergeRectangles(items_[c], items_[m], unused)) continue;
                 partner_[c] = m;
                 heap_.push(c);
@@ -140,36 +214,24 @@ private:
     void insert(std::uint32_t id) {
         const rectanglef& r = items_[id];
         EdgeKey key;
-        if (makeKey(kLeftEdge, r.y, r.height, r.x, key)) index_[key].push_back(id);
-        if (makeKey(kRightEdge, r.y, r.height, r.x + r.width, key)) index_[key].push_back(id);
-        if (makeKey(kBottomEdge, r.x, r.width, r.y, key)) index_[key].push_back(id);
-        if (makeKey(kTopEdge, r.x, r.width, r.y + r.height, key)) index_[key].push_back(id);
+        if (makeKey(kLeftEdge, r.y, r.height, r.x, key)) table_.link(key, id * 4 + 0);
+        if (makeKey(kRightEdge, r.y, r.height, r.x + r.width, key)) table_.link(key, id * 4 + 1);
+        if (makeKey(kBottomEdge, r.x, r.width, r.y, key)) table_.link(key, id * 4 + 2);
+        if (makeKey(kTopEdge, r.x, r.width, r.y + r.height, key)) table_.link(key, id * 4 + 3);
     }
 
-    // Every rectangle that may be mergeable with `id` (a superset: the caller checks), dead ones
-    // dropped from the lists on the way.
+    // Every live rectangle that may be mergeable with `id` (a superset: callers check).
     void candidates(std::uint32_t id, std::vector<std::uint32_t>& out) {
         const rectanglef r = items_[id];
-        EdgeKey keys[4];
-        bool valid[4];
+        EdgeKey key;
+        auto dead = [&](std::uint32_t c) { return !alive_[c]; };
+        auto add = [&](std::uint32_t c) { out.push_back(c); };
         // Its right edge against others' left edges, its left edge against others' right edges,
         // and the same for top and bottom.
-        valid[0] = makeKey(kLeftEdge, r.y, r.height, r.x + r.width, keys[0]);
-        valid[1] = makeKey(kRightEdge, r.y, r.height, r.x, keys[1]);
-        valid[2] = makeKey(kBottomEdge, r.x, r.width, r.y + r.height, keys[2]);
-        valid[3] = makeKey(kTopEdge, r.x, r.width, r.y, keys[3]);
-        for (int k = 0; k < 4; ++k) {
-            if (!valid[k]) continue;
-            auto it = index_.find(keys[k]);
-            if (it == index_.end()) continue;
-            std::vector<std::uint32_t>& list = it->second;
-            std::size_t kept = 0;
-            for (std::uint32_t c : list) {
-                if (alive_[c] || c == id) list[kept++] = c;
-                out.push_back(c);
-            }
-            list.resize(kept);
-        }
+        if (makeKey(kLeftEdge, r.y, r.height, r.x + r.width, key)) table_.walk(key, dead, add);
+        if (makeKey(kRightEdge, r.y, r.height, r.x, key)) table_.walk(key, dead, add);
+        if (makeKey(kBottomEdge, r.x, r.width, r.y + r.height, key)) table_.walk(key, dead, add);
+        if (makeKey(kTopEdge, r.x, r.width, r.y, key)) table_.walk(key, dead, add);
     }
 
     std::uint32_t findPartner(std::uint32_t id) {
@@ -178,7 +240,7 @@ private:
         std::uint32_t best = kNone;
         rectanglef unused;
         for (std::uint32_t c : scratch_) {
-            if (c <= id || c >= best || !alive_[c]) continue;
+            if (c <= id || c >= best) continue;
             if (TryMergeRectangles(items_[id], items_[c], unused)) best = c;
         }
         return best;
@@ -188,7 +250,7 @@ private:
     std::vector<rectanglef> items_;
     std::vector<std::uint8_t> alive_;
     std::vector<std::uint32_t> partner_;
-    std::unordered_map<EdgeKey, std::vector<std::uint32_t>, EdgeKeyHash> index_;
+    EdgeTable table_;
     std::priority_queue<std::uint32_t, std::vector<std::uint32_t>, std::greater<std::uint32_t>>
         heap_;
     std::vector<std::uint32_t> scratch_;
