@@ -28,7 +28,11 @@ cleanup() {
 }
 trap cleanup EXIT
 
-step() { printf '\n\033[1m$ %s\033[0m\n' "$*"; }
+if [ -t 1 ]; then
+    step() { printf '\n\033[1m$ %s\033[0m\n' "$*"; }
+else
+    step() { printf '\n$ %s\n' "$*"; }
+fi
 
 # The simulator prints its port on the first line. Its line follows the device's own baud rate:
 # 9600 until the client switches it to the maximum, 115200.
