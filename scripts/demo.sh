@@ -2,7 +2,8 @@
 # The quelworks demo: builds the command and the simulated device, starts the simulator on a
 # pseudo-terminal, lists the serial ports, reads the device's identity, flashes a sample image
 # over an emulated 115200-baud line (a progress bar on a terminal, plain lines otherwise),
-# verifies what the device received byte for byte, stops the simulator, and runs the examples.
+# verifies what the device received byte for byte, stops the simulator, hatches a sample outline
+# into an SVG picture, and runs the examples.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -66,6 +67,11 @@ kill -TERM "$devsim_pid"
 wait "$devsim_pid"
 devsim_pid=""
 echo "simulator stopped"
+
+if [ -f examples/outline.txt ]; then
+    step quelworks hatch examples/outline.txt --spacing 10 --svg build/release/outline-hatch.svg
+    "$bin/cli/quelworks" hatch examples/outline.txt --spacing 10 --svg build/release/outline-hatch.svg
+fi
 
 for example in "${examples[@]}"; do
     step "$example"

@@ -11,7 +11,7 @@
 namespace qwtest {
 namespace {
 
-constexpr int kTimeout = 250;
+constexpr int kTimeout = 400;
 
 std::string takeText(char* text) {
     std::string s = text != nullptr ? text : "";

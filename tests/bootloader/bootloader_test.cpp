@@ -120,7 +120,11 @@ TEST_F(BootloaderTest, ConstructionDrainsWhatTheDeviceStillHadToSay) {
         ASSERT_TRUE(other.Send(&request, 1));
         other.Disconnect();
     }
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    // Let the unread reply reach the port before the client comes.
+    for (int i = 0; i < 500 && device([](Device& d) { return d.nextEvent().has_value(); }); ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
     Bootloader boot(port(), kTimeoutMs);
     EXPECT_TRUE(boot.IsDeviceInfoAvailable());
     char* text = nullptr;

@@ -20,7 +20,7 @@ using quelworks::devsim::DeviceConfig;
 
 // Time-out of every Bootloader in these tests. Replies come within milliseconds; the time-out
 // only bounds how long a test waits for a reply that is meant not to come.
-constexpr int kTimeoutMs = 250;
+constexpr int kTimeoutMs = 400;
 
 inline Bytes bytes(const std::string& text) {
     return Bytes(text.begin(), text.end());

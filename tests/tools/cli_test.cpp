@@ -279,7 +279,7 @@ TEST(Cli, EveryFailureSaysWhatHappenedWithItsOwnExitCode) {
             args.push_back(a == "PORT" ? device.port() : a == "IMAGE" ? image : a);
         }
         args.push_back("--timeout");
-        args.push_back("200");
+        args.push_back("300");
         Result r = quelworks(args);
         EXPECT_EQ(r.code, c.code);
         std::string message = "quelworks: " + replaceAll(c.message, "PORT", device.port()) + "\n";

@@ -11,7 +11,7 @@
 #endif
 
 int main(int argc, char** argv) {
-    CLI::App app{"quelworks: talk to the device on a serial port, flash its firmware"};
+    CLI::App app{"quelworks: the device on a serial port (ports, info, flash) and plane geometry"};
     app.require_subcommand(1);
     quelworks::cli::addDeviceCommands(app);
 #ifdef QW_HAVE_GEOMETRY_COMMANDS
