@@ -95,6 +95,31 @@ TEST(BeginSpreadPolygon, MatchesReferenceOnRandomPolygons) {
     }
 }
 
+TEST(BeginSpreadPolygon, MatchesReferenceOnManySmallCases) {
+    // Many small areas (cheap for the straightforward version), odd coordinates included.
+    std::mt19937 rng(99);
+    int nonEmpty = 0;
+    for (int round = 0; round < 1500; ++round) {
+        std::vector<pointf> poly = round % 3 == 0 ? randomChain(rng, 3 + round % 9, 40, true)
+                                                  : starPolygon(rng, 20, 20, 4, 26, 3 + round % 13);
+        if (round % 25 == 24) poly[round % poly.size()].y = oddValue(rng);
+        if (round % 50 == 49) poly[0].x = oddValue(rng);
+        std::uniform_real_distribution<float> size(3.5f, 48);
+        const rectanglef area(static_cast<float>(round % 7) - 3, static_cast<float>(round % 5) - 2,
+                              size(rng), size(rng));
+        const int t = (round % 3) * (round % 2 ? 10 : 50) / 2;
+        std::vector<rectanglef> out;
+        if (round % 4 == 3)
+            out = {rectanglef(area.x, area.y - 4, 4, 4), rectanglef(-0.0f, 0, 2, 2)};
+        std::vector<rectanglef> expected = out;
+        reference::BeginSpreadPolygon(poly, &expected, area, t);
+        BeginSpreadPolygon(poly, &out, area, t);
+        ASSERT_TRUE(sameRects(out, expected)) << "round " << round;
+        nonEmpty += out.size() > 2;
+    }
+    EXPECT_GT(nonEmpty, 500);
+}
+
 TEST(BeginSpreadPolygon, LargerAreaMatchesReference) {
     // One area large enough that quarters of 240 and more are divided without being kept.
     std::mt19937 rng(7);
