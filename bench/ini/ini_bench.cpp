@@ -48,7 +48,8 @@ std::string makeIni(int sections) {
                 std::snprintf(line, sizeof line, "# key %d of unit %d\n", k, s);
                 text += line;
             }
-            std::snprintf(line, sizeof line, "key_%02d=value %d.%d with some text\n", k, s, k);
+            std::snprintf(line, sizeof line, "key_%02d=value %d.%d with some longer text\n", k, s,
+                          k);
             text += line;
         }
         text += "\n";
@@ -274,7 +275,7 @@ bool sidesAgree() {
         std::fprintf(stderr, "key counts: inih %ld, SimpleIni %ld\n", count, simpleCount);
         ok = false;
     }
-    const std::string expected = "value 500.10 with some text";
+    const std::string expected = "value 500.10 with some longer text";
     const std::string ours = CIniFile::GetValue(kKey, kSection, medium);
     if (ours != expected || inihValue(medium) != expected || simpleIniValue(medium) != expected ||
         ini_reference::getValue(kKey, kSection, medium) != expected) {
