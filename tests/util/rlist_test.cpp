@@ -159,7 +159,8 @@ TEST(RListSort, ComparatorCallsMatchReference) {
     std::mt19937 rng(20240601);
     std::vector<int> lengths;
     for (int n = 0; n <= 70; ++n) lengths.push_back(n);
-    for (int n : {127, 128, 129, 1000, 4097}) lengths.push_back(n);
+    // Past 32768 nodes the long-list merge (with its walkers) takes over.
+    for (int n : {127, 128, 129, 1000, 4097, 32767, 32768, 70001}) lengths.push_back(n);
     for (int mode = 0; mode < 2; ++mode) {
         for (int n : lengths) {
             std::vector<SortObject> items;
@@ -193,6 +194,67 @@ TEST(RListSort, ComparatorCallsMatchReference) {
             EXPECT_EQ(list.length(), n);
             EXPECT_TRUE(list.sorted);
         }
+    }
+}
+
+// Long lists (where the merges fetch ahead through marks along the runs) in several shapes:
+// random keys, few distinct keys, already sorted, reversed, and sorted runs glued together. The
+// calls are checked through a running hash of their arguments.
+std::uint64_t gCallHash = 0;
+std::uint64_t gCallCount = 0;
+
+std::int32_t hashingByDistance(SortObject left, SortObject right) {
+    gCallHash =
+        (gCallHash ^ (static_cast<std::uint64_t>(static_cast<std::uint32_t>(left.index)) << 32 |
+                      static_cast<std::uint32_t>(right.index))) *
+        0x100000001B3ull;
+    ++gCallCount;
+    return byDistance(left, right);
+}
+
+TEST(RListSort, LongListsMatchReference) {
+    const int n = 140001;
+    std::mt19937 rng(77);
+    for (int shape = 0; shape < 5; ++shape) {
+        std::vector<SortObject> items;
+        for (int i = 0; i < n; ++i) {
+            float key = 0;
+            switch (shape) {
+                case 0:
+                    key = static_cast<float>(rng() % 1000000);
+                    break;
+                case 1:
+                    key = static_cast<float>(rng() % 4);
+                    break;
+                case 2:
+                    key = static_cast<float>(i);
+                    break;
+                case 3:
+                    key = static_cast<float>(n - i);
+                    break;
+                default:
+                    key = static_cast<float>(i % 50000);
+                    break;
+            }
+            items.push_back(SortObject{i, key});
+        }
+        gCallHash = 0;
+        gCallCount = 0;
+        const std::vector<SortObject> expected = referenceSort(items, hashingByDistance);
+        const std::uint64_t expectedHash = gCallHash;
+        const std::uint64_t expectedCount = gCallCount;
+
+        gCallHash = 0;
+        gCallCount = 0;
+        RList<SortObject> list;
+        for (const SortObject& s : items) list.push_back(s);
+        list.msort(CompareStruct<SortObject>{hashingByDistance});
+        EXPECT_EQ(gCallCount, expectedCount) << "shape " << shape;
+        EXPECT_EQ(gCallHash, expectedHash) << "shape " << shape;
+        std::vector<int> expectedOrder;
+        for (const SortObject& s : expected) expectedOrder.push_back(s.index);
+        ASSERT_EQ(indexes(list), expectedOrder) << "shape " << shape;
+        expectConsistent(list);
     }
 }
 
