@@ -151,6 +151,33 @@ TEST(IniDisk, AFailedWriteLeavesTheOldFileWhole) {
     EXPECT_TRUE(CIniFile::SetValue("big", "x", "S", path));
 }
 
+// The process dies in the middle of saving (killed by SIGXFSZ at the file size limit): the old
+// file stays whole; only the unfinished temporary file is left beside it.
+TEST(IniDisk, DyingWhileSavingLeavesTheOldFileWhole) {
+    TempDir dir;
+    const std::string path = dir.file("dies.ini");
+    const std::string before = bigIni(6000);
+    writeFile(path, before);
+    pid_t pid = ::fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        struct rlimit noCore {};
+        ::setrlimit(RLIMIT_CORE, &noCore);
+        std::signal(SIGXFSZ, SIG_DFL);
+        struct rlimit small {};
+        ::getrlimit(RLIMIT_FSIZE, &small);
+        small.rlim_cur = 8192;
+        ::setrlimit(RLIMIT_FSIZE, &small);
+        CIniFile::SetValue("big", std::string(4000, 'x'), "S", path);
+        ::_exit(0);  // not reached: the write past the limit kills the process
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+    ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGXFSZ);
+    EXPECT_EQ(readFile(path), before);
+    EXPECT_LE(entriesIn(dir.path()), 2u);
+}
+
 // The same with a real full disk: a 64 KiB tmpfs (needs root and the right to mount).
 TEST(IniDisk, AFullDiskLeavesTheOldFileWhole) {
     TempDir dir;

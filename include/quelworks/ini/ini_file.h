@@ -10,7 +10,7 @@
 // '#' or ';' and holds '[' or '=' is a commented-out entry; blank lines are dropped; and live
 // entries are written with one leading blank (" [Main]", " Port=COM3"). A last line without a
 // line feed is not read. A line holding a '[' that has no ']' after its first character makes
-// every operation throw std::out_of_range.
+// every operation that reads the file throw std::out_of_range, and an edit then writes nothing.
 #ifndef QUELWORKS_INI_INI_FILE_H
 #define QUELWORKS_INI_INI_FILE_H
 
