@@ -134,7 +134,10 @@ Bootloader::~Bootloader() {
 }
 
 void Bootloader::InitializeClass(char* portName, int timeoutMs, bool acquire) {
-    link.PortName(portName);
+    // No name is treated like an empty one: the link stays without a port and every operation
+    // fails.
+    char noName[] = "";
+    link.PortName(portName != nullptr ? portName : noName);
     link.Baudrate = 9600;
     serialNumber = nullptr;
     deviceDescription = nullptr;

@@ -228,6 +228,9 @@ TEST_F(BootloaderTest, AMissingPortFailsWithoutHanging) {
     EXPECT_FALSE(boot.IsDeviceInfoAvailable());
     EXPECT_FALSE(boot.SwitchToMaxBaudrate());
     EXPECT_FALSE(boot.EnterBootloader());
+
+    Bootloader unnamed(nullptr, 20);
+    EXPECT_FALSE(unnamed.IsDeviceInfoAvailable());
 }
 
 TEST_F(BootloaderTest, SwitchToMaxBaudrateReconnectsAtTheNewRate) {

@@ -2,6 +2,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/file.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -289,6 +290,18 @@ TEST(Cli, EveryFailureSaysWhatHappenedWithItsOwnExitCode) {
     }
     std::remove(image.c_str());
     std::remove(empty.c_str());
+}
+
+TEST(Cli, APortInUseIsReported) {
+    Devsim device({});
+    int fd = ::open(device.port().c_str(), O_RDWR | O_NOCTTY);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(::flock(fd, LOCK_EX | LOCK_NB), 0);
+    Result r = quelworks({"info", device.port()});
+    EXPECT_EQ(r.code, 3);
+    EXPECT_EQ(r.err, "quelworks: cannot open port " + device.port() +
+                         " (is another program using it? do you have permission?)\n");
+    ::close(fd);
 }
 
 TEST(Cli, UsageAndHelp) {

@@ -75,6 +75,15 @@ std::string portPath(const std::string& port) {
 }
 #endif
 
+std::string cannotOpen(const std::string& port) {
+#ifdef _WIN32
+    return "cannot open port " + port +
+           " (is it listed by 'quelworks ports'? is another program using it?)";
+#else
+    return "cannot open port " + port + " (is another program using it? do you have permission?)";
+#endif
+}
+
 // Fails with a clear message unless the port exists and can be opened.
 void checkPort(const std::string& port) {
 #ifndef _WIN32
@@ -89,9 +98,7 @@ void checkPort(const std::string& port) {
     MutableText name(port);
     link.PortName(name.get());
     if (!link.Connect()) {
-        throw CommandError(
-            kExitPortUnavailable,
-            "cannot open port " + port + " (is another program using it? do you have permission?)");
+        throw CommandError(kExitPortUnavailable, cannotOpen(port));
     }
     link.Disconnect();
 }
@@ -109,9 +116,7 @@ struct Query {
     link.PortName(name.get());
     link.Baudrate = baudrate;
     if (!link.Connect()) {
-        throw CommandError(
-            kExitPortUnavailable,
-            "cannot open port " + port + " (is another program using it? do you have permission?)");
+        throw CommandError(kExitPortUnavailable, cannotOpen(port));
     }
     unsigned char* reply = nullptr;
     int length = 0;
