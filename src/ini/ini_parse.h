@@ -8,7 +8,9 @@
 #include <string>
 #include <string_view>
 
-#if defined(__SSE2__) && defined(__GNUC__)
+// QUELWORKS_INI_SCALAR turns the vector scan off (the tests use it to check the plain loop).
+#if defined(__SSE2__) && defined(__GNUC__) && !defined(QUELWORKS_INI_SCALAR)
+#define QUELWORKS_INI_SSE2 1
 #include <emmintrin.h>
 #endif
 
@@ -39,7 +41,7 @@ struct IniLineScan {
 inline IniLineScan scanIniLine(const char* p, const char* limit) {
     const char* bracket = nullptr;
     const char* equals = nullptr;
-#if defined(__SSE2__) && defined(__GNUC__)
+#if defined(QUELWORKS_INI_SSE2)
     const __m128i lineFeeds = _mm_set1_epi8('\n');
     const __m128i brackets = _mm_set1_epi8('[');
     const __m128i equalSigns = _mm_set1_epi8('=');
