@@ -68,15 +68,16 @@ namespace quelworks::detail {
 //  - runs are taken off the front of the chain as the recursion reaches them, so no chain is ever
 //    walked to find a split point, and every merge knows its last node, so neither is the result
 //    walked to find the rear;
-//  - a merge links a node only when it switches from one run to the other (within a stretch taken
-//    from one run the nodes are linked already), and prefetches each run's next node as soon as
-//    its head is known;
+//  - the merge of short runs links a node only when it switches from one run to the other (within
+//    a stretch taken from one run the nodes are linked already); every merge prefetches each
+//    run's next node as soon as its head is known;
 //  - beyond the caches, where each step would wait for a node to come from memory, the merge
 //    fetches ahead: every run of at least kLongRun nodes comes with marks, nodes at known
 //    positions along it, and while two such runs are merged a set of walkers steps through the
 //    stretches just ahead of the merge, from mark to mark, prefetching each node one step before
 //    reading its link. The walkers only read links, so nothing changes but the speed.
-// Nothing is allocated: the marks live on the stack (a few KB for each level of the long runs).
+// Nothing is allocated: the marks live on the stack (12 KB for each level of long runs, so about
+// 70 KB for a million nodes).
 template <typename T>
 class ListSort {
 public:
