@@ -205,6 +205,8 @@ CIniFile::CIniFile(const CIniFile&) = default;
 CIniFile& CIniFile::operator=(const CIniFile&) = default;
 CIniFile::~CIniFile() = default;
 
+// The string form of the trimming that the reader does on views of the file (trimIniBlanks, with
+// " \t\n\r").
 void CIniFile::Trim(std::string& str, std::string ChrsToTrim) {
     std::size_t first = str.find_first_not_of(ChrsToTrim);
     if (first == std::string::npos) {
