@@ -2,9 +2,11 @@
 #include "quelworks/geometry/hatching.h"
 
 #include <algorithm>
+#include <climits>
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <vector>
 
 #include "geometry/float_to_int.h"
@@ -126,11 +128,14 @@ public:
         start_ = counts;
         list_.resize(counts[bandCount_]);
         forEach([&](std::size_t k, std::uint32_t i) { list_[counts[k]++] = i; });
+        buildColumns();
     }
 
     bool contains(Vector2f q) const {
         if (edges_.size() < 3) return false;
         const int qyT = truncateToInt(q.y);
+        const int byColumn = columnContains(q.x, qyT);
+        if (byColumn >= 0) return byColumn != 0;
         bool inside = false;
         if (std::isnan(q.x)) {
             // Every range test passes for NaN; look at all edges.
@@ -145,6 +150,80 @@ public:
     }
 
 private:
+    // Columns: when every truncated coordinate is small enough that no product in the test can
+    // leave the int range, the test of an edge is an exact integer inequality. For a point in
+    // the column (k, k + 1] between two ints, the edges whose x range holds it are fixed, and
+    // T = trunc(q.x - xA) is k - xA (or k + 1 - xA at q.x = k + 1), so each edge flips exactly
+    // when trunc(q.y) <= a threshold of its own: (Y - yA) w < T dy  <=>  Y w < yA w + T dy.
+    // Sorted thresholds answer a point with one binary search.
+    void buildColumns() {
+        constexpr int kLimit = 16383;
+        int minX = edges_[0].curX, maxX = minX;
+        for (const OutlineEdge& e : edges_) {
+            for (int v : {e.curX, e.curY, e.prevX, e.prevY}) {
+                if (v < -kLimit || v > kLimit) return;
+            }
+            minX = std::min(minX, e.curX);
+            maxX = std::max(maxX, e.curX);
+        }
+        std::size_t total = 0;
+        for (const OutlineEdge& e : edges_) total += std::abs(e.curX - e.prevX);
+        if (total > 4000000 + 64 * edges_.size() || maxX == minX) return;
+        columnMinX_ = minX;
+        const std::size_t columns = static_cast<std::size_t>(maxX - minX);
+        std::vector<std::vector<int>> inside(columns), atEnd(columns);
+        for (const OutlineEdge& e : edges_) {
+            if (e.curX == e.prevX) continue;
+            const bool curFirst = e.curX < e.prevX;
+            const long long xA = curFirst ? e.curX : e.prevX;
+            const long long yA = curFirst ? e.curY : e.prevY;
+            const long long w = (curFirst ? e.prevX : e.curX) - xA;
+            const long long dy = (curFirst ? e.prevY : e.curY) - yA;
+            for (long long k = xA; k < xA + w; ++k) {
+                const std::size_t column = static_cast<std::size_t>(k - minX);
+                inside[column].push_back(floorDiv(yA * w + (k - xA) * dy - 1, w));
+                atEnd[column].push_back(floorDiv(yA * w + (k + 1 - xA) * dy - 1, w));
+            }
+        }
+        columnStart_.assign(1, 0);
+        for (std::size_t c = 0; c < columns; ++c) {
+            std::sort(inside[c].begin(), inside[c].end());
+            std::sort(atEnd[c].begin(), atEnd[c].end());
+            columnInside_.insert(columnInside_.end(), inside[c].begin(), inside[c].end());
+            columnAtEnd_.insert(columnAtEnd_.end(), atEnd[c].begin(), atEnd[c].end());
+            columnStart_.push_back(static_cast<std::uint32_t>(columnInside_.size()));
+        }
+        columnsUsable_ = true;
+    }
+
+    static int floorDiv(long long a, long long b) {  // b > 0
+        long long q = a / b;
+        if (a % b != 0 && a < 0) --q;
+        return static_cast<int>(q);
+    }
+
+    // The containment by columns, or -1 when they cannot decide it.
+    int columnContains(float qx, int qyT) const {
+        if (!columnsUsable_ || !(qyT >= -16383 && qyT <= 16383) || std::isnan(qx)) return -1;
+        const float first = static_cast<float>(columnMinX_);
+        const float last =
+            static_cast<float>(columnMinX_ + static_cast<int>(columnStart_.size()) - 1);
+        if (!(qx > first && qx <= last)) return 0;          // no edge's x range holds q.x
+        const int k = static_cast<int>(std::ceil(qx)) - 1;  // q.x lies in (k, k + 1]
+        const std::vector<int>* thresholds = &columnInside_;
+        if (qx == static_cast<float>(k + 1)) {
+            thresholds = &columnAtEnd_;
+        } else if (static_cast<float>(k + 1) - qx < 0.00390625f) {
+            // So close to k + 1 that q.x - xA may round up to it: test edge by edge.
+            return -1;
+        }
+        const std::size_t column = static_cast<std::size_t>(k - columnMinX_);
+        const int* begin = thresholds->data() + columnStart_[column];
+        const int* end = thresholds->data() + columnStart_[column + 1];
+        const std::size_t flips = static_cast<std::size_t>(end - std::lower_bound(begin, end, qyT));
+        return (flips & 1u) != 0 ? 1 : 0;
+    }
+
     std::size_t bandOf(float x) const {
         const double t = (static_cast<double>(x) - double(lo_)) * scale_;
         if (!(t > 0.0)) return 0;
@@ -159,6 +238,108 @@ private:
     std::size_t bandCount_ = 1;
     std::vector<std::uint32_t> start_;
     std::vector<std::uint32_t> list_;
+    bool columnsUsable_ = false;
+    int columnMinX_ = 0;
+    std::vector<std::uint32_t> columnStart_;
+    std::vector<int> columnInside_;  // per column, sorted thresholds for k < q.x < k + 1
+    std::vector<int> columnAtEnd_;   // and for q.x = k + 1
+};
+
+// For each scan line, the edges that can give it a crossing, in edge order. An edge meets the
+// scan segment (x0, y)-(x1, y) only where y lies in its own y range, or, on the extension of its
+// line, exactly at (x0, y) or (x1, y), which IntersectSegments then returns as that end point.
+// The second case is found by solving for the y at which the edge's line reaches x0 and x1 and
+// taking every scan line within a bound of the double rounding around it. Edges with a
+// coordinate that is not finite are tried on every line.
+class ScanCandidates {
+public:
+    ScanCandidates(const std::vector<Vector2f>& outline, const std::vector<long long>& lines,
+                   float x0, float x1) {
+        const std::size_t n = outline.size();
+        const std::size_t count = lines.size();
+        const double first = static_cast<double>(lines.front());
+        const double step = count > 1 ? static_cast<double>(lines[1] - lines[0]) : 1.0;
+        const double yMax = std::max(std::fabs(first), std::fabs(double(lines.back())));
+        const double xMax = std::max(std::fabs(double(x0)), std::fabs(double(x1)));
+        // (float)y may round for |y| beyond 2^24: widen every range by that much too.
+        const double slack = 1.0 + yMax / 8388608.0 / step;
+        auto index = [&](double y) { return (y - first) / step; };
+
+        std::vector<std::pair<std::uint32_t, std::uint32_t>> ranges;  // per edge, up to 3
+        std::vector<std::uint32_t> owner;
+        auto add = [&](double lo, double hi, std::uint32_t edge) {
+            if (!(lo <= hi)) return;
+            if (hi < 0.0 || lo > double(count - 1)) return;
+            const std::uint32_t a = static_cast<std::uint32_t>(std::max(0.0, std::floor(lo)));
+            const std::uint32_t b =
+                static_cast<std::uint32_t>(std::min(double(count - 1), std::ceil(hi)));
+            ranges.emplace_back(a, b);
+            owner.push_back(edge);
+        };
+        for (std::size_t i = 0; i < n; ++i) {
+            const Vector2f& c = outline[i];
+            const Vector2f& d = outline[i + 1 == n ? 0 : i + 1];
+            const std::uint32_t e = static_cast<std::uint32_t>(i);
+            if (!std::isfinite(c.x) || !std::isfinite(c.y) || !std::isfinite(d.x) ||
+                !std::isfinite(d.y)) {
+                add(0.0, double(count - 1), e);
+                continue;
+            }
+            if (c.y == d.y) continue;  // parallel to every scan line
+            const double ylo = std::min(c.y, d.y);
+            const double yhi = std::max(c.y, d.y);
+            add(index(ylo) - slack, index(yhi) + slack, e);
+            if (c.x == d.x) {
+                // X comes out as c.x (to within rounding) on every line.
+                if (c.x == x0 || c.x == x1) add(0.0, double(count - 1), e);
+                continue;
+            }
+            const double dx = double(d.x) - c.x;
+            const double dy = double(d.y) - c.y;
+            const double t = std::fabs(double(d.y) * c.x) + std::fabs(double(c.y) * d.x);
+            const double errX = 1e-14 * ((std::fabs(dx) * yMax + t) / std::fabs(dy) + xMax);
+            for (float end : {x0, x1}) {
+                const double yHit = c.y + (double(end) - c.x) * dy / dx;
+                const double window =
+                    errX * std::fabs(dy / dx) +
+                    1e-14 * (std::fabs(double(c.y)) + std::fabs((double(end) - c.x) * dy / dx));
+                if (!std::isfinite(yHit) || !std::isfinite(window)) {
+                    add(0.0, double(count - 1), e);
+                } else {
+                    add(index(yHit - window) - slack, index(yHit + window) + slack, e);
+                }
+            }
+        }
+        // Compressed rows, each in edge order without repeats.
+        std::vector<std::uint32_t> sizes(count + 1, 0);
+        for (const auto& r : ranges) {
+            for (std::uint32_t l = r.first; l <= r.second; ++l) ++sizes[l + 1];
+        }
+        for (std::size_t l = 0; l < count; ++l) sizes[l + 1] += sizes[l];
+        start_ = sizes;
+        edges_.assign(sizes[count], 0);
+        std::vector<std::uint32_t> fill(sizes.begin(), sizes.end() - 1);
+        for (std::size_t k = 0; k < ranges.size(); ++k) {
+            for (std::uint32_t l = ranges[k].first; l <= ranges[k].second; ++l) {
+                if (fill[l] > start_[l] && edges_[fill[l] - 1] == owner[k]) continue;
+                edges_[fill[l]++] = owner[k];
+            }
+        }
+        end_.assign(fill.begin(), fill.end());
+    }
+
+    struct Span {
+        const std::uint32_t* first;
+        const std::uint32_t* last;
+        const std::uint32_t* begin() const { return first; }
+        const std::uint32_t* end() const { return last; }
+    };
+    Span edges(std::size_t line) const {
+        return {edges_.data() + start_[line], edges_.data() + end_[line]};
+    }
+
+private:
+    std::vector<std::uint32_t> start_, end_, edges_;
 };
 
 }  // namespace
@@ -188,16 +369,21 @@ std::vector<std::vector<LineSegment>> FragmentToLines(std::vector<Vector2f> outl
     // The scan lines lie on ints; counted in 64 bits so that a line near the top of the int range
     // cannot wrap around.
     long long y = static_cast<long long>(truncateToInt(box.y - d)) + spacing;
+    const std::size_t n = outline.size();
+
+    std::vector<long long> lines;
+    for (; yEnd > static_cast<float>(y); y += spacing) lines.push_back(y);
+    if (lines.empty()) return groups;
 
     const OutlineIndex inside(outline);
-    const std::size_t n = outline.size();
+    const ScanCandidates candidates(outline, lines, x0, x1);
     std::vector<Vector2f> crossings;
-    for (; yEnd > static_cast<float>(y); y += spacing) {
-        const float fy = static_cast<float>(y);
+    for (std::size_t line = 0; line < lines.size(); ++line) {
+        const float fy = static_cast<float>(lines[line]);
         const Vector2f a(x0, fy);
         const Vector2f b(x1, fy);
         crossings.clear();
-        for (std::size_t i = 0; i < n; ++i) {
+        for (std::uint32_t i : candidates.edges(line)) {
             Vector2f hit;
             if (IntersectSegments(a, b, outline[i], outline[i + 1 == n ? 0 : i + 1], hit)) {
                 crossings.push_back(hit);
