@@ -8,6 +8,7 @@
 #include "geometry/hatching_internal.h"
 #include "geometry/polygon_reference.h"
 #include "geometry/polygon_test_support.h"
+#include "quelworks/geometry/polygon.h"
 
 using namespace polygon_test;
 using quelworks::detail::IntersectSegments;
@@ -151,4 +152,37 @@ TEST(FragmentToLines, MatchesReferenceOnRandomOutlines) {
                                reference::FragmentToLines(outline, spacing)))
             << "round " << round;
     }
+}
+
+TEST(FragmentToLines, SmallIntegerOutlinesMatchReference) {
+    // Small integer outlines make lines through vertices and extended edges that reach the ends
+    // of the scan segment exactly (a spurious crossing there is part of the result) common.
+    std::mt19937 rng(21);
+    std::uniform_int_distribution<int> coord(0, 12);
+    int spurious = 0;
+    for (int round = 0; round < 3000; ++round) {
+        std::vector<Vector2f> outline;
+        const int n = 3 + round % 8;
+        for (int i = 0; i < n; ++i) {
+            outline.push_back(
+                Vector2f(static_cast<float>(coord(rng)), static_cast<float>(coord(rng))));
+        }
+        const int spacing = 1 + round % 4;
+        const Groups expected = reference::FragmentToLines(outline, spacing);
+        ASSERT_TRUE(sameGroups(FragmentToLines(outline, spacing), expected)) << "round " << round;
+        // Count crossings found on extended edges (beyond the edge's own y range).
+        const rectanglef box = GetBoundingBox(outline);
+        const float x0 = box.x - spacing, x1 = 2.0f * spacing + box.width + x0;
+        for (int y = static_cast<int>(box.y); y < box.y + box.height + spacing; y += spacing) {
+            for (int i = 0; i < n; ++i) {
+                const Vector2f c = outline[i], d = outline[(i + 1) % n];
+                Vector2f hit;
+                if ((y < std::min(c.y, d.y) || y > std::max(c.y, d.y)) &&
+                    reference::IntersectSegments(Vector2f(x0, y), Vector2f(x1, y), c, d, hit)) {
+                    ++spurious;
+                }
+            }
+        }
+    }
+    EXPECT_GT(spurious, 0);
 }
