@@ -7,7 +7,6 @@
 // chunks before the next fill, which then gets nodes in address order again. Both node types take
 // the same 32-byte heap chunk.
 #include <benchmark/benchmark.h>
-#include <malloc.h>
 
 #include <cstdint>
 #include <list>
@@ -16,7 +15,18 @@
 
 #include "quelworks/util/rlist.h"
 
+#if defined(__GLIBC__)
+#include <malloc.h>
+#endif
+
 namespace {
+
+// Merges the heap's freed chunks, so that the next fill gets its nodes in address order.
+void freshHeap() {
+#if defined(__GLIBC__)
+    malloc_trim(0);
+#endif
+}
 
 constexpr int kMaxNodes = 1 << 20;
 
@@ -99,7 +109,7 @@ void runRList(benchmark::State& state, SortFn sortFn) {
     const int n = static_cast<int>(state.range(0));
     for (auto _ : state) {
         state.PauseTiming();
-        malloc_trim(0);
+        freshHeap();
         RList<SortObject> list;
         fill(list, n);
         state.ResumeTiming();
@@ -126,7 +136,7 @@ void BM_StdListSort(benchmark::State& state) {
     const int n = static_cast<int>(state.range(0));
     for (auto _ : state) {
         state.PauseTiming();
-        malloc_trim(0);
+        freshHeap();
         std::list<SortObject> list(keys().begin(), keys().begin() + n);
         state.ResumeTiming();
         list.sort([](const SortObject& a, const SortObject& b) { return a.distance < b.distance; });
