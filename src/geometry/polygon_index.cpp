@@ -214,6 +214,25 @@ void PolygonIndex::buildSlabs() {
     slabsUsable_ = true;
 }
 
+int PolygonIndex::slabRowUniform(float qy, float xFirst, float xLast) const {
+    if (!slabsUsable_) return -1;
+    if (!(qy > slabY_.front() && qy < slabY_.back())) return -1;
+    if (!(xFirst >= minX_ - 1.0f && xLast <= maxX_ + 1.0f && xFirst <= xLast)) return -1;
+    const std::size_t s = static_cast<std::size_t>(
+                              std::upper_bound(slabY_.begin(), slabY_.end(), qy) - slabY_.begin()) -
+                          1;
+    if (slabY_[s] == qy || exactStart_[s] != exactStart_[s + 1]) return -1;
+    const std::uint32_t begin = slabStart_[s];
+    const std::uint32_t end = slabStart_[s + 1];
+    const float* lo = slabLo_.data();
+    const std::uint32_t notRight =
+        static_cast<std::uint32_t>(std::upper_bound(lo + begin, lo + end, xLast) - (lo + begin));
+    // Any edge near some point of the row makes it mixed.
+    if (notRight > 0 && slabMaxHi_[begin + notRight - 1] >= xFirst) return -1;
+    // Every edge lies clear of the whole row: right of it (counted) or left of it.
+    return ((end - begin - notRight) & 1u) != 0 ? 1 : 0;
+}
+
 unsigned PolygonIndex::exactParity(std::uint32_t edge, pointf q) const {
     unsigned right = 0;
     unsigned left = 0;
@@ -371,6 +390,12 @@ bool PolygonIndex::rectangleInside(const rectanglef& r, int tolerance, PolygonSc
     std::uint8_t* parity = s.parity.data();
     for (int j = 0; j < ny; ++j) {
         const float qy = static_cast<float>(j) * sy + r.y;
+        const int uniform = slabRowUniform(qy, xs[0], xs[count - 1]);
+        if (uniform >= 0) {
+            if (uniform == 0) outside += static_cast<long long>(count);
+            if (outside >= reject) return false;
+            continue;
+        }
         gatherRow(qy, s);
         std::fill(parity, parity + count, std::uint8_t(0));
         const std::size_t k = s.ax.size();

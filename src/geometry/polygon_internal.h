@@ -63,6 +63,9 @@ private:
     // The containment of a point strictly inside a slab, or -1 when the slabs cannot decide it.
     int slabContains(pointf q) const;
     unsigned exactParity(std::uint32_t edge, pointf q) const;
+    // Whether every point (x, qy) with xFirst <= x <= xLast is inside (1) or every one outside
+    // (0), when the slabs can tell; -1 otherwise.
+    int slabRowUniform(float qy, float xFirst, float xLast) const;
 
     std::vector<pointf> points_;
     // Edges (index of their first vertex) listed per band of y, in compressed rows.

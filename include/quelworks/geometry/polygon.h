@@ -33,11 +33,12 @@ QUELWORKS_API rectanglef GetBoundingBox(std::vector<pointf> points);
 // The area is cut into quarters, and each quarter is subdivided on its own thread: a rectangle is
 // quartered again and again, and a quarter is kept once it is smaller than 240 in both directions
 // and passes the inside test: its four corners must be inside the polygon, and of a grid of
-// sample points about 3 units apart at most `tolerance` percent may lie outside (with t <= 0 or
-// fewer than 100 samples, none). Rectangles 3 units wide or high or smaller are not divided
-// further. Neighbouring rectangles of equal height (side by side) or equal width (one above the
-// other) are then merged while the result stays under 255 on each side: first within each
-// quarter, then over the whole of *out, including rectangles it held before the call.
+// sample points about 3 units apart fewer than `tolerance` percent may lie outside (the percentage
+// taken of the sample count in whole hundreds; with t <= 0 or fewer than 100 samples, none may).
+// Rectangles 3 units wide or high or smaller are not divided further. Neighbouring rectangles of
+// equal height (side by side) or equal width (one above the other) are then merged while the result
+// stays under 255 on each side: first within each quarter, then over the whole of *out, including
+// rectangles it held before the call.
 //
 // Nothing happens when the area is 3 units wide or high or smaller. An empty polygon throws
 // std::out_of_range (after all four threads have ended; *out is then unchanged). The results are
