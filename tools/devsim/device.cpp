@@ -306,7 +306,7 @@ void Device::handleHeader(Clock::time_point at) {
     blockCount_ = blocks;
     nextBlock_ = 0;
     incoming_.clear();
-    incoming_.reserve(size);
+    incoming_.reserve(std::min<std::uint32_t>(size, 1u << 20));
 }
 
 void Device::handleBlock(Clock::time_point at) {
