@@ -87,9 +87,10 @@ fi
 if has consumer; then
     step "consumer: install and find_package"
     prefix=$(mktemp -d)
-    cmake --preset release >/dev/null
-    cmake --build --preset release -j "$jobs" --target quelworks
-    cmake --install build/release --prefix "$prefix" >/dev/null
+    cmake -S . -B build/install -G Ninja -DCMAKE_BUILD_TYPE=Release -DQUELWORKS_BUILD_TESTS=OFF \
+        -DQUELWORKS_BUILD_TOOLS=OFF -DQUELWORKS_BUILD_EXAMPLES=OFF -DQUELWORKS_BUILD_FUZZ=OFF >/dev/null
+    cmake --build build/install -j "$jobs"
+    cmake --install build/install --prefix "$prefix" >/dev/null
     rm -rf build/consumer
     cmake -S tests/consumer -B build/consumer -G Ninja -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
     cmake --build build/consumer
