@@ -94,14 +94,12 @@ TEST_F(IniEdit, SortOrdersBytewiseAndRepeatsKeysOfDuplicatedSections) {
     ASSERT_TRUE(CIniFile::Sort(path, false));
     EXPECT_EQ(readFile(path), lines({" [B]", " a=1", " b=2", " [C]", " j=0", " k=1", " [C]", " j=0",
                                      " k=1", " [b]", " A=2", " z=1"}));
-    ASSERT_TRUE(CIniFile::Sort(path, true));
-    EXPECT_EQ(readFile(path),
-              lines({" [b]", " z=1", " A=2", " [C]", " k=1", " k=1", " j=0", " j=0", " [C]", " k=1",
-                     " k=1", " j=0", " j=0", " [B]", " b=2", " a=1"}));
     // Bytes above 0x7f sort after ASCII; a prefix sorts first.
     writeFile(path, "[\xe4]\n[ab]\n[a]\n");
     ASSERT_TRUE(CIniFile::Sort(path, false));
     EXPECT_EQ(readFile(path), lines({" [a]", " [ab]", " [\xe4]"}));
+    ASSERT_TRUE(CIniFile::Sort(path, true));
+    EXPECT_EQ(readFile(path), lines({" [\xe4]", " [ab]", " [a]"}));
 
     const std::string noHeaders = "k=v\n; c\nj=w\n";
     writeFile(path, noHeaders);
