@@ -1,7 +1,6 @@
 #include "serial/fake_platform.h"
 
 #include <algorithm>
-#include <cstring>
 
 #include "platform/serial_port.h"
 
@@ -19,23 +18,10 @@ Port& port() {
 void reset() {
     Port& p = port();
     std::lock_guard<std::mutex> guard(p.lock);
-    p.failOpen = p.failGetState = p.failSetState = p.failGetTimeouts = p.failSetTimeouts = false;
+    p.failSetState = p.failGetTimeouts = p.failSetTimeouts = false;
     p.writesBeforeFailure = -1;
     p.emptyReadTime = std::chrono::milliseconds(0);
     p.input.clear();
-    p.reported = quelworks::DeviceControlBlock{};
-    p.reported.DCBlength = 28;
-    p.reported.BaudRate = 1200;
-    p.reported.XonLim = 2048;
-    p.reported.XoffLim = 512;
-    p.reported.fTXContinueOnXoff = 1;
-    p.reported.fErrorChar = 1;
-    p.reported.ErrorChar = '?';
-    p.reported.EofChar = 0x1A;
-    p.reported.EvtChar = 0x7E;
-    p.reported.fDtrControl = 1;
-    p.reported.fRtsControl = 1;
-    p.reported.fOutX = 1;
     p.calls.clear();
     p.openedPaths.clear();
     p.closedHandles.clear();
@@ -44,111 +30,98 @@ void reset() {
     p.writeSources.clear();
     p.lastSetState = quelworks::DeviceControlBlock{};
     p.timeouts = quelworks::CommTimeouts{};
-    p.setTimeoutsCalls = 0;
 }
+
+// One call on the fake port: recorded, under its lock.
+struct Call {
+    Port& p = port();
+    std::unique_lock<std::mutex> guard{p.lock};
+    explicit Call(const char* name) { p.calls.push_back(name); }
+    bool isOpen(void* handle) const { return p.openHandles.count(handle) == 1; }
+};
 
 }  // namespace fake
 
 namespace quelworks::detail {
 
-using fake::port;
+using fake::Call;
 
 PortHandle openPort(const char* devicePath) {
-    fake::Port& p = port();
-    std::lock_guard<std::mutex> guard(p.lock);
-    p.calls.push_back("open");
-    p.openedPaths.push_back(devicePath);
-    if (p.failOpen) return invalidPortHandle();
-    auto* handle = reinterpret_cast<PortHandle>(p.nextHandle++);
-    p.openHandles.insert(handle);
+    Call c("open");
+    c.p.openedPaths.push_back(devicePath);
+    auto* handle = reinterpret_cast<PortHandle>(c.p.nextHandle++);
+    c.p.openHandles.insert(handle);
     return handle;
 }
 
 bool closePort(PortHandle handle) {
-    fake::Port& p = port();
-    std::lock_guard<std::mutex> guard(p.lock);
-    p.calls.push_back("close");
-    p.closedHandles.push_back(handle);
-    p.wake.notify_all();
-    return p.openHandles.erase(handle) == 1;
+    Call c("close");
+    c.p.closedHandles.push_back(handle);
+    c.p.wake.notify_all();
+    return c.p.openHandles.erase(handle) == 1;
 }
 
 bool getCommState(PortHandle handle, DeviceControlBlock* settings) {
-    fake::Port& p = port();
-    std::lock_guard<std::mutex> guard(p.lock);
-    p.calls.push_back("getCommState");
-    if (p.failGetState || p.openHandles.count(handle) == 0) return false;
-    *settings = p.reported;
+    Call c("getCommState");
+    if (!c.isOpen(handle)) return false;
+    *settings = DeviceControlBlock{};  // what an unconfigured port reports
+    settings->DCBlength = 28;
+    settings->BaudRate = 1200;
+    settings->XonLim = 2048;
+    settings->fDtrControl = settings->fRtsControl = settings->fOutX = 1;
     return true;
 }
 
 bool setCommState(PortHandle handle, const DeviceControlBlock* settings) {
-    fake::Port& p = port();
-    std::lock_guard<std::mutex> guard(p.lock);
-    p.calls.push_back("setCommState");
-    p.lastSetState = *settings;
-    return !p.failSetState && p.openHandles.count(handle) == 1;
+    Call c("setCommState");
+    c.p.lastSetState = *settings;
+    return !c.p.failSetState && c.isOpen(handle);
 }
 
 bool getCommTimeouts(PortHandle handle, CommTimeouts* timeouts) {
-    fake::Port& p = port();
-    std::lock_guard<std::mutex> guard(p.lock);
-    p.calls.push_back("getCommTimeouts");
-    if (p.failGetTimeouts || p.openHandles.count(handle) == 0) return false;
-    *timeouts = p.timeouts;
+    Call c("getCommTimeouts");
+    if (c.p.failGetTimeouts || !c.isOpen(handle)) return false;
+    *timeouts = c.p.timeouts;
     return true;
 }
 
 bool setCommTimeouts(PortHandle handle, const CommTimeouts* timeouts) {
-    fake::Port& p = port();
-    std::lock_guard<std::mutex> guard(p.lock);
-    p.calls.push_back("setCommTimeouts");
-    ++p.setTimeoutsCalls;
-    if (p.failSetTimeouts || p.openHandles.count(handle) == 0) return false;
-    p.timeouts = *timeouts;
+    Call c("setCommTimeouts");
+    if (c.p.failSetTimeouts || !c.isOpen(handle)) return false;
+    c.p.timeouts = *timeouts;
     return true;
 }
 
 bool readPort(PortHandle handle, void* data, std::uint32_t count, std::uint32_t* bytesRead) {
-    fake::Port& p = port();
-    std::unique_lock<std::mutex> guard(p.lock);
-    p.calls.push_back("read");
+    Call c("read");
     *bytesRead = 0;
-    if (p.openHandles.count(handle) == 0) return false;
-    if (p.input.empty() && p.emptyReadTime.count() > 0) {
-        p.wake.wait_for(guard, p.emptyReadTime,
-                        [&] { return !p.input.empty() || p.openHandles.count(handle) == 0; });
+    if (c.p.input.empty() && c.p.emptyReadTime.count() > 0) {
+        c.p.wake.wait_for(c.guard, c.p.emptyReadTime,
+                          [&] { return !c.p.input.empty() || !c.isOpen(handle); });
     }
-    if (p.openHandles.count(handle) == 0) return false;
+    if (!c.isOpen(handle)) return false;
     auto* out = static_cast<std::uint8_t*>(data);
-    while (*bytesRead < count && !p.input.empty()) {
-        out[(*bytesRead)++] = p.input.front();
-        p.input.pop_front();
-    }
+    for (; *bytesRead < count && !c.p.input.empty(); c.p.input.pop_front())
+        out[(*bytesRead)++] = c.p.input.front();
     return true;
 }
 
 bool writePort(PortHandle handle, const void* data, std::uint32_t count,
                std::uint32_t* bytesWritten) {
-    fake::Port& p = port();
-    std::lock_guard<std::mutex> guard(p.lock);
-    p.calls.push_back("write");
+    Call c("write");
     *bytesWritten = 0;
-    if (p.openHandles.count(handle) == 0) return false;
-    if (p.writesBeforeFailure == 0) return false;
-    if (p.writesBeforeFailure > 0) --p.writesBeforeFailure;
+    if (!c.isOpen(handle) || c.p.writesBeforeFailure == 0) return false;
+    if (c.p.writesBeforeFailure > 0) --c.p.writesBeforeFailure;
     const auto* in = static_cast<const std::uint8_t*>(data);
-    p.writes.emplace_back(in, in + count);
-    p.writeSources.push_back(data);
+    c.p.writes.emplace_back(in, in + count);
+    c.p.writeSources.push_back(data);
     *bytesWritten = count;
     return true;
 }
 
 void interruptPort(PortHandle) {
-    fake::Port& p = port();
-    std::lock_guard<std::mutex> guard(p.lock);
-    p.calls.push_back("interrupt");
-    p.wake.notify_all();
+    Call c("interrupt");
+    c.p.wake.notify_all();
 }
 
 }  // namespace quelworks::detail

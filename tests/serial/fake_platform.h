@@ -21,15 +21,12 @@ struct Port {
     std::condition_variable wake;
 
     // Knobs.
-    bool failOpen = false;
-    bool failGetState = false;
     bool failSetState = false;
     bool failGetTimeouts = false;
     bool failSetTimeouts = false;
     int writesBeforeFailure = -1;                // -1: writes never fail
     std::chrono::milliseconds emptyReadTime{0};  // how long a read with no input waits
     std::deque<std::uint8_t> input;              // bytes the next reads deliver
-    quelworks::DeviceControlBlock reported{};    // what getCommState reports
 
     // Records.
     std::vector<std::string> calls;  // function names, in order
@@ -40,7 +37,6 @@ struct Port {
     std::vector<const void*> writeSources;
     quelworks::DeviceControlBlock lastSetState{};
     quelworks::CommTimeouts timeouts{};
-    int setTimeoutsCalls = 0;
     std::uintptr_t nextHandle = 0x1000;
 
     int count(const std::string& call) const;

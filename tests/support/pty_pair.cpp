@@ -7,11 +7,14 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <stdexcept>
 
 namespace qwtest {
+
+using Clock = std::chrono::steady_clock;
 
 Bytes bytesOf(const std::string& text) {
     return Bytes(text.begin(), text.end());
@@ -29,10 +32,6 @@ PtyPair::PtyPair() {
     ::fcntl(master_, F_SETFD, FD_CLOEXEC);
     ::fcntl(slave_, F_SETFD, FD_CLOEXEC);
     ::fcntl(master_, F_SETFL, ::fcntl(master_, F_GETFL) | O_NONBLOCK);
-}
-
-PtyPair::~PtyPair() {
-    hangUp();
 }
 
 void PtyPair::hangUp() {
@@ -58,10 +57,10 @@ void PtyPair::write(const Bytes& bytes) {
 
 Bytes PtyPair::read(std::size_t count, std::chrono::milliseconds timeout) {
     Bytes out;
-    auto deadline = std::chrono::steady_clock::now() + timeout;
+    const auto deadline = Clock::now() + timeout;
     while (out.size() < count && master_ >= 0) {
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-            deadline - std::chrono::steady_clock::now());
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
         if (left.count() <= 0) break;
         pollfd p{master_, POLLIN, 0};
         if (::poll(&p, 1, static_cast<int>(left.count())) <= 0) continue;
@@ -73,64 +72,9 @@ Bytes PtyPair::read(std::size_t count, std::chrono::milliseconds timeout) {
     return out;
 }
 
-Bytes PtyPair::drain(std::chrono::milliseconds quiet) {
-    Bytes out;
-    for (;;) {
-        Bytes more = read(65536, quiet);
-        if (more.empty()) return out;
-        out.insert(out.end(), more.begin(), more.end());
-    }
-}
+namespace {
 
-ScriptedPeer::ScriptedPeer(PtyPair& pty) : pty_(pty) {}
-
-ScriptedPeer::~ScriptedPeer() {
-    stop_ = true;
-    if (thread_.joinable()) thread_.join();
-}
-
-ScriptedPeer& ScriptedPeer::expect(const Bytes& bytes, std::chrono::milliseconds timeout) {
-    steps_.push_back(Step{Step::Expect, bytes, timeout, nullptr, ""});
-    return *this;
-}
-
-ScriptedPeer& ScriptedPeer::reply(const Bytes& bytes) {
-    steps_.push_back(Step{Step::Reply, bytes, std::chrono::milliseconds(0), nullptr, ""});
-    return *this;
-}
-
-ScriptedPeer& ScriptedPeer::delay(std::chrono::milliseconds pause) {
-    steps_.push_back(Step{Step::Delay, {}, pause, nullptr, ""});
-    return *this;
-}
-
-ScriptedPeer& ScriptedPeer::hangUp() {
-    steps_.push_back(Step{Step::HangUp, {}, std::chrono::milliseconds(0), nullptr, ""});
-    return *this;
-}
-
-ScriptedPeer& ScriptedPeer::call(std::function<bool()> step, const std::string& what) {
-    steps_.push_back(Step{Step::Call, {}, std::chrono::milliseconds(0), std::move(step), what});
-    return *this;
-}
-
-void ScriptedPeer::start() {
-    thread_ = std::thread([this] { run(); });
-}
-
-bool ScriptedPeer::readSome(std::chrono::milliseconds wait) {
-    if (hungUp_) return false;
-    pollfd p{pty_.master(), POLLIN, 0};
-    if (::poll(&p, 1, static_cast<int>(wait.count())) <= 0) return false;
-    std::uint8_t buf[4096];
-    ssize_t n = ::read(pty_.master(), buf, sizeof buf);
-    if (n <= 0) return false;
-    std::lock_guard<std::mutex> guard(lock_);
-    received_.insert(received_.end(), buf, buf + n);
-    return true;
-}
-
-static std::string hex(const Bytes& bytes) {
+std::string hex(const Bytes& bytes) {
     std::string s;
     char b[4];
     for (std::uint8_t c : bytes) {
@@ -140,62 +84,75 @@ static std::string hex(const Bytes& bytes) {
     return s;
 }
 
-void ScriptedPeer::run() {
-    auto fail = [this](const std::string& message) {
-        std::lock_guard<std::mutex> guard(lock_);
-        if (error_.empty()) error_ = message;
-    };
-    for (std::size_t i = 0; i < steps_.size() && !stop_; ++i) {
-        Step& step = steps_[i];
-        const std::string where = "step " + std::to_string(i) + ": ";
-        switch (step.kind) {
-            case Step::Expect: {
-                auto deadline = std::chrono::steady_clock::now() + step.time;
-                for (;;) {
-                    {
-                        std::lock_guard<std::mutex> guard(lock_);
-                        if (received_.size() - consumed_ >= step.bytes.size()) break;
-                    }
-                    if (stop_ || std::chrono::steady_clock::now() >= deadline) break;
-                    readSome(std::chrono::milliseconds(10));
-                }
-                std::lock_guard<std::mutex> guard(lock_);
-                std::size_t have = std::min(received_.size() - consumed_, step.bytes.size());
-                Bytes got(received_.begin() + static_cast<std::ptrdiff_t>(consumed_),
-                          received_.begin() + static_cast<std::ptrdiff_t>(consumed_ + have));
-                consumed_ += have;
-                if (got != step.bytes && error_.empty())
-                    error_ = where + "expected " + hex(step.bytes) + "got " + hex(got);
-                break;
-            }
-            case Step::Reply:
-                pty_.write(step.bytes);
-                break;
-            case Step::Delay: {
-                auto until = std::chrono::steady_clock::now() + step.time;
-                while (!stop_ && std::chrono::steady_clock::now() < until)
-                    readSome(std::chrono::milliseconds(5));
-                break;
-            }
-            case Step::HangUp:
-                pty_.hangUp();
-                hungUp_ = true;
-                break;
-            case Step::Call:
-                if (!step.fn()) fail(where + step.what);
-                break;
+}  // namespace
+
+ScriptedPeer::~ScriptedPeer() {
+    stop_ = true;
+    if (thread_.joinable()) thread_.join();
+}
+
+ScriptedPeer& ScriptedPeer::expect(const Bytes& bytes, std::chrono::milliseconds timeout) {
+    steps_.push_back([this, bytes, timeout] {
+        const auto deadline = Clock::now() + timeout;
+        while (received_.size() < bytes.size() && !stop_ && Clock::now() < deadline)
+            readSome(std::chrono::milliseconds(10));
+        const auto end = received_.begin() +
+                         static_cast<std::ptrdiff_t>(std::min(received_.size(), bytes.size()));
+        const Bytes got(received_.begin(), end);
+        received_.erase(received_.begin(), end);
+        if (got != bytes) fail("expected " + hex(bytes) + "got " + hex(got));
+    });
+    return *this;
+}
+
+ScriptedPeer& ScriptedPeer::reply(const Bytes& bytes) {
+    steps_.push_back([this, bytes] { pty_.write(bytes); });
+    return *this;
+}
+
+ScriptedPeer& ScriptedPeer::delay(std::chrono::milliseconds pause) {
+    steps_.push_back([this, pause] {
+        for (const auto until = Clock::now() + pause; !stop_ && Clock::now() < until;)
+            readSome(std::chrono::milliseconds(5));
+    });
+    return *this;
+}
+
+ScriptedPeer& ScriptedPeer::hangUp() {
+    steps_.push_back([this] {
+        pty_.hangUp();
+        hungUp_ = true;
+    });
+    return *this;
+}
+
+void ScriptedPeer::start() {
+    thread_ = std::thread([this] {
+        for (step_ = 0; step_ < steps_.size() && !stop_; ++step_) steps_[step_]();
+        done_ = true;
+        while (!stop_) {  // keep the line drained until finish()
+            if (hungUp_) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+            readSome(std::chrono::milliseconds(10));
         }
-    }
-    done_ = true;
-    while (!stop_) {
-        if (!readSome(std::chrono::milliseconds(10)) && hungUp_)
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
+    });
+}
+
+void ScriptedPeer::readSome(std::chrono::milliseconds wait) {
+    pollfd p{pty_.master(), POLLIN, 0};
+    if (hungUp_ || ::poll(&p, 1, static_cast<int>(wait.count())) <= 0) return;
+    std::uint8_t buf[4096];
+    ssize_t n = ::read(pty_.master(), buf, sizeof buf);
+    if (n > 0) received_.insert(received_.end(), buf, buf + n);
+}
+
+void ScriptedPeer::fail(const std::string& message) {
+    std::lock_guard<std::mutex> guard(lock_);
+    if (error_.empty()) error_ = "step " + std::to_string(step_) + ": " + message;
 }
 
 bool ScriptedPeer::finish(std::chrono::milliseconds timeout) {
-    auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!done_ && std::chrono::steady_clock::now() < deadline)
+    const auto deadline = Clock::now() + timeout;
+    while (!done_ && Clock::now() < deadline)
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     const bool completed = done_;
     stop_ = true;
@@ -210,19 +167,11 @@ std::string ScriptedPeer::error() const {
     return error_;
 }
 
-Bytes ScriptedPeer::received() const {
-    std::lock_guard<std::mutex> guard(lock_);
-    return received_;
-}
-
 int openDescriptorCount() {
-    int count = 0;
+    int count = -1;  // the directory stream itself
     if (DIR* dir = ::opendir("/proc/self/fd")) {
-        while (dirent* e = ::readdir(dir)) {
-            if (e->d_name[0] != '.') ++count;
-        }
+        while (dirent* e = ::readdir(dir)) count += e->d_name[0] != '.';
         ::closedir(dir);
-        --count;  // the directory stream itself
     }
     return count;
 }

@@ -30,7 +30,7 @@ Bytes bytesOf(const std::string& text);
 class PtyPair {
 public:
     PtyPair();
-    ~PtyPair();
+    ~PtyPair() { hangUp(); }
     PtyPair(const PtyPair&) = delete;
     PtyPair& operator=(const PtyPair&) = delete;
 
@@ -43,8 +43,6 @@ public:
     void write(const Bytes& bytes);
     // Reads from the master side until `count` bytes came or `timeout` passed; returns what came.
     Bytes read(std::size_t count, std::chrono::milliseconds timeout);
-    // Reads whatever arrives until the line has been quiet for `quiet`.
-    Bytes drain(std::chrono::milliseconds quiet);
     // Closes both our ends: the code under test sees the device go away.
     void hangUp();
 
@@ -55,10 +53,10 @@ private:
 };
 
 // Plays a script on the master side of a pty on its own thread: expected bytes in, replies out,
-// delays, silence and hang-up, in order. Everything the peer reads is kept.
+// delays and hang-up, in order.
 class ScriptedPeer {
 public:
-    explicit ScriptedPeer(PtyPair& pty);
+    explicit ScriptedPeer(PtyPair& pty) : pty_(pty) {}
     ~ScriptedPeer();
     ScriptedPeer(const ScriptedPeer&) = delete;
     ScriptedPeer& operator=(const ScriptedPeer&) = delete;
@@ -69,36 +67,25 @@ public:
     ScriptedPeer& reply(const Bytes& bytes);
     ScriptedPeer& delay(std::chrono::milliseconds pause);
     ScriptedPeer& hangUp();
-    // Runs `step` on the peer's thread; a false result fails the script with `what`.
-    ScriptedPeer& call(std::function<bool()> step, const std::string& what);
 
     void start();
     // Waits for the script to end; true when every step passed. After the script the peer keeps
-    // collecting what arrives until finish() is called.
+    // reading what arrives until finish() is called.
     bool finish(std::chrono::milliseconds timeout = std::chrono::milliseconds(10000));
     std::string error() const;
-    // Every byte the peer has read so far.
-    Bytes received() const;
 
 private:
-    struct Step {
-        enum Kind { Expect, Reply, Delay, HangUp, Call } kind;
-        Bytes bytes;
-        std::chrono::milliseconds time{0};
-        std::function<bool()> fn;
-        std::string what;
-    };
-    void run();
-    bool readSome(std::chrono::milliseconds wait);
+    void readSome(std::chrono::milliseconds wait);
+    void fail(const std::string& message);
 
     PtyPair& pty_;
-    std::vector<Step> steps_;
+    std::vector<std::function<void()>> steps_;
+    std::size_t step_ = 0;  // the step running
     std::thread thread_;
     std::atomic<bool> stop_{false};
     std::atomic<bool> done_{false};
     mutable std::mutex lock_;
-    Bytes received_;
-    std::size_t consumed_ = 0;
+    Bytes received_;  // what arrived and no expect step has taken yet
     std::string error_;
     bool hungUp_ = false;
 };
