@@ -14,6 +14,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "quelworks/geometry/polygon.h"
 #include "quelworks/geometry/shapes.h"
 #include "quelworks/geometry/vector2f.h"
 
@@ -28,35 +29,27 @@ inline int trunc(float v) {
 inline bool IsPointInPolygon(pointf q, std::vector<pointf> polygon) {
     const std::size_t n = polygon.size();
     (void)polygon.at(0);  // an empty polygon throws std::out_of_range
-    int rightCross = 0;
-    int leftCross = 0;
+    int rightCross = 0, leftCross = 0;
     for (std::size_t i = 0; i + 1 < n; ++i) {
-        const pointf a = polygon.at(i);
-        const pointf b = polygon.at(i + 1);
+        const pointf a = polygon.at(i), b = polygon.at(i + 1);
         if (q.x == a.x && q.y == a.y) return true;
         const int num = trunc((a.x - q.x) * (b.y - q.y) - (a.y - q.y) * (b.x - q.x));
         const int den = trunc((b.y - q.y) - (a.y - b.y));
-        if ((a.y > q.y) != (b.y > q.y)) {
-            if ((num > 0) == (den >= 0)) rightCross += 1;
-        }
-        if ((a.y < q.y) != (b.y < q.y)) {
-            if ((num < 0) == (den <= 0)) leftCross += 1;
-        }
+        if ((a.y > q.y) != (b.y > q.y) && (num > 0) == (den >= 0)) rightCross += 1;
+        if ((a.y < q.y) != (b.y < q.y) && (num < 0) == (den <= 0)) leftCross += 1;
     }
-    if (rightCross % 2 != leftCross % 2) return true;
-    return rightCross % 2 == 1;
+    // Different parities: on the boundary.
+    return rightCross % 2 != leftCross % 2 || rightCross % 2 == 1;
 }
 
 inline bool IsRectInsidePolygon(rectanglef r, std::vector<pointf> polygon, int tolerance) {
     const pointf corners[4] = {pointf(r.x, r.y), pointf(r.x + r.width, r.y),
                                pointf(r.x, r.y + r.height), pointf(r.x + r.width, r.y + r.height)};
-    for (const pointf& c : corners) {
+    for (const pointf& c : corners)
         if (!reference::IsPointInPolygon(c, polygon)) return false;
-    }
     const int nx = trunc(r.width > 3 ? r.width / 3 : r.width);
     const int ny = trunc(r.height > 3 ? r.height / 3 : r.height);
-    const float sx = r.width / nx;
-    const float sy = r.height / ny;
+    const float sx = r.width / nx, sy = r.height / ny;
     // int arithmetic, wrapping as the machine does
     const int product = static_cast<int>(static_cast<std::uint32_t>(nx) * std::uint32_t(ny));
     const int limit = static_cast<int>(static_cast<std::uint32_t>(product / 100) *
@@ -64,40 +57,41 @@ inline bool IsRectInsidePolygon(rectanglef r, std::vector<pointf> polygon, int t
     int outside = 0;
     for (int i = 0; i < nx; ++i) {
         for (int j = 0; j < ny; ++j) {
-            if (!reference::IsPointInPolygon(pointf(i * sx + r.x, j * sy + r.y), polygon)) {
-                outside += 1;
-                if (outside >= limit) return false;
-            }
+            if (!reference::IsPointInPolygon(pointf(i * sx + r.x, j * sy + r.y), polygon) &&
+                ++outside >= limit)
+                return false;
         }
     }
     return true;
 }
 
 inline void Merge(std::vector<rectanglef>& r) {
-    while (true) {
-        bool merged = false;
-        for (std::size_t i = 0; i < r.size() && !merged; ++i) {
-            for (std::size_t j = 0; j < r.size() && !merged; ++j) {
-                if (i == j) continue;
-                const rectanglef a = r[i];
-                const rectanglef b = r[j];
-                const bool side = a.y == b.y && a.height == b.height &&
-                                  (b.x == a.x + a.width || b.x + b.width == a.x);
-                const bool above = a.x == b.x && a.width == b.width &&
-                                   (b.y == a.y + a.height || b.y + b.height == a.y);
-                if (!side && !above) continue;
-                const float width = side ? a.width + b.width : a.width;
-                const float height = above ? a.height + b.height : a.height;
-                if (!(width < 255 && height < 255)) continue;
-                const rectanglef m(std::min(a.x, b.x), std::min(a.y, b.y), width, height);
-                r.erase(r.begin() + static_cast<long>(i));
-                r.erase(r.begin() + static_cast<long>(i < j ? j - 1 : j));
-                r.push_back(m);
-                merged = true;
-            }
+    for (std::size_t i = 0; i < r.size(); ++i) {
+        for (std::size_t j = 0; j < r.size(); ++j) {
+            if (i == j) continue;
+            const rectanglef a = r[i], b = r[j];
+            const bool side = a.y == b.y && a.height == b.height &&
+                              (b.x == a.x + a.width || b.x + b.width == a.x);
+            const bool above = a.x == b.x && a.width == b.width &&
+                               (b.y == a.y + a.height || b.y + b.height == a.y);
+            if (!side && !above) continue;
+            const float width = side ? a.width + b.width : a.width;
+            const float height = above ? a.height + b.height : a.height;
+            if (!(width < 255 && height < 255)) continue;
+            r.erase(r.begin() + static_cast<long>(i));
+            r.erase(r.begin() + static_cast<long>(i < j ? j - 1 : j));
+            r.push_back(rectanglef(std::min(a.x, b.x), std::min(a.y, b.y), width, height));
+            i = static_cast<std::size_t>(-1);  // start again from the first pair
+            break;
         }
-        if (!merged) return;
     }
+}
+
+// Quarter k of r, in the order (x, y), (x + hw, y), (x, y + hh), (x + hw, y + hh).
+inline rectanglef quarter(rectanglef r, int k) {
+    const float hw = r.width * 0.5f;
+    const float hh = r.height * 0.5f;
+    return rectanglef(k % 2 ? r.x + hw : r.x, k / 2 ? r.y + hh : r.y, hw, hh);
 }
 
 inline void Worker(std::vector<pointf> polygon, std::vector<rectanglef>* result,
@@ -106,19 +100,14 @@ inline void Worker(std::vector<pointf> polygon, std::vector<rectanglef>* result,
     while (!queue.empty()) {
         const rectanglef r = queue.front();
         queue.erase(queue.begin());
-        if (r.width > 3 && r.height > 3) {
-            const float hw = r.width * 0.5f;
-            const float hh = r.height * 0.5f;
-            const rectanglef quarters[4] = {
-                rectanglef(r.x, r.y, hw, hh), rectanglef(r.x + hw, r.y, hw, hh),
-                rectanglef(r.x, r.y + hh, hw, hh), rectanglef(r.x + hw, r.y + hh, hw, hh)};
-            for (const rectanglef& q : quarters) {
-                if (reference::IsRectInsidePolygon(q, polygon, tolerance) && q.width < 240 &&
-                    q.height < 240) {
-                    accepted.push_back(q);
-                } else {
-                    queue.push_back(q);
-                }
+        if (!(r.width > 3 && r.height > 3)) continue;
+        for (int k = 0; k < 4; ++k) {
+            const rectanglef q = quarter(r, k);
+            if (reference::IsRectInsidePolygon(q, polygon, tolerance) && q.width < 240 &&
+                q.height < 240) {
+                accepted.push_back(q);
+            } else {
+                queue.push_back(q);
             }
         }
     }
@@ -129,27 +118,22 @@ inline void Worker(std::vector<pointf> polygon, std::vector<rectanglef>* result,
 inline void BeginSpreadPolygon(std::vector<pointf> polygon, std::vector<rectanglef>* out,
                                rectanglef area, int tolerance) {
     if (area.width <= 3 || area.height <= 3) return;
-    const float hw = area.width * 0.5f;
-    const float hh = area.height * 0.5f;
-    const rectanglef quarters[4] = {
-        rectanglef(area.x, area.y, hw, hh), rectanglef(area.x + hw, area.y, hw, hh),
-        rectanglef(area.x, area.y + hh, hw, hh), rectanglef(area.x + hw, area.y + hh, hw, hh)};
     std::vector<rectanglef> results[4];
-    for (int k = 0; k < 4; ++k) reference::Worker(polygon, &results[k], {quarters[k]}, tolerance);
+    for (int k = 0; k < 4; ++k)
+        reference::Worker(polygon, &results[k], {quarter(area, k)}, tolerance);
     for (const auto& r : results) out->insert(out->end(), r.begin(), r.end());
     reference::Merge(*out);
 }
 
 inline bool IntersectSegments(Vector2f a, Vector2f b, Vector2f c, Vector2f d, Vector2f& out) {
-    const double den =
-        ((double)a.x - b.x) * ((double)c.y - d.y) - ((double)c.x - d.x) * ((double)a.y - b.y);
+    const double ax = a.x, ay = a.y, bx = b.x, by = b.y, cx = c.x, cy = c.y, dx = d.x, dy = d.y;
+    const double den = (ax - bx) * (cy - dy) - (cx - dx) * (ay - by);
     if (den == 0) return false;
-    const double s = (double)b.y * a.x - (double)a.y * b.x;
-    const double t = (double)d.y * c.x - (double)c.y * d.x;
-    const double x = (((double)c.x - d.x) * s - ((double)a.x - b.x) * t) / den;
-    const double y = (((double)c.y - d.y) * s - ((double)a.y - b.y) * t) / den;
-    const Vector2f ends[4] = {a, b, c, d};
-    for (const Vector2f& e : ends) {
+    const double s = by * ax - ay * bx;
+    const double t = dy * cx - cy * dx;
+    const double x = ((cx - dx) * s - (ax - bx) * t) / den;
+    const double y = ((cy - dy) * s - (ay - by) * t) / den;
+    for (const Vector2f& e : {a, b, c, d}) {
         if (x == e.x && y == e.y) {
             out = e;
             return true;
@@ -158,11 +142,10 @@ inline bool IntersectSegments(Vector2f a, Vector2f b, Vector2f c, Vector2f d, Ve
     auto within = [](double v, double p, double q) {
         return v >= std::min(p, q) && v <= std::max(p, q);
     };
-    if (within(x, a.x, b.x) && within(y, a.y, b.y) && within(x, c.x, d.x) && within(y, c.y, d.y)) {
-        out = Vector2f((float)x, (float)y);
-        return true;
-    }
-    return false;
+    if (!within(x, ax, bx) || !within(y, ay, by) || !within(x, cx, dx) || !within(y, cy, dy))
+        return false;
+    out = Vector2f(static_cast<float>(x), static_cast<float>(y));
+    return true;
 }
 
 inline int wrap(long long v) {
@@ -192,21 +175,8 @@ inline bool IsPointInOutline(Vector2f q, std::vector<Vector2f> p) {
 inline std::vector<std::vector<LineSegment>> FragmentToLines(std::vector<Vector2f> p, int d) {
     std::vector<std::vector<LineSegment>> result;
     const std::size_t n = p.size();
-    // bounding box
-    float bx = 0, by = 0, bw = 1, bh = 1;
-    if (n > 0) {
-        int minX = trunc(p[0].x), maxX = minX, minY = trunc(p[0].y), maxY = minY;
-        for (const Vector2f& v : p) {
-            if ((float)minX > v.x) minX = trunc(v.x);
-            if (v.x > (float)maxX) maxX = trunc(v.x);
-            if ((float)minY > v.y) minY = trunc(v.y);
-            if (v.y > (float)maxY) maxY = trunc(v.y);
-        }
-        bx = (float)minX;
-        by = (float)minY;
-        bw = (float)wrap((long long)maxX - minX);
-        bh = (float)wrap((long long)maxY - minY);
-    }
+    const rectanglef box = GetBoundingBox(p);  // the library's: a plain transcription
+    const float bx = box.x, by = box.y, bw = box.width, bh = box.height;
     const float x0 = bx - d;
     const float x1 = (float)(2 * d) + bw + x0;
     const float yEnd = by + bh + d;

@@ -1,9 +1,8 @@
-// Random polygons and rectangles for the polygon tests.
+// Random polygons for the polygon tests and benchmarks, and a bitwise comparison of results.
 #ifndef QUELWORKS_TESTS_GEOMETRY_POLYGON_TEST_SUPPORT_H
 #define QUELWORKS_TESTS_GEOMETRY_POLYGON_TEST_SUPPORT_H
 
 #include <cmath>
-#include <cstdint>
 #include <cstring>
 #include <limits>
 #include <random>
@@ -14,20 +13,17 @@
 
 namespace polygon_test {
 
-// A star-shaped polygon around (cx, cy) with integer vertices, closed by repeating the first.
+// A star-shaped polygon around (cx, cy), closed by repeating the first vertex; with `integral`
+// the vertices are rounded to integers.
 inline std::vector<pointf> starPolygon(std::mt19937& rng, float cx, float cy, float rmin,
                                        float rmax, int n, bool integral = true) {
     std::uniform_real_distribution<float> radius(rmin, rmax);
     std::vector<pointf> p;
     for (int i = 0; i < n; ++i) {
         const double angle = 2.0 * 3.14159265358979 * i / n;
-        float x = cx + radius(rng) * static_cast<float>(std::cos(angle));
-        float y = cy + radius(rng) * static_cast<float>(std::sin(angle));
-        if (integral) {
-            x = std::round(x);
-            y = std::round(y);
-        }
-        p.push_back(pointf(x, y));
+        const float x = cx + radius(rng) * static_cast<float>(std::cos(angle));
+        const float y = cy + radius(rng) * static_cast<float>(std::sin(angle));
+        p.push_back(integral ? pointf(std::round(x), std::round(y)) : pointf(x, y));
     }
     p.push_back(p.front());
     return p;
@@ -46,50 +42,36 @@ inline std::vector<pointf> regularStar(int vertices, float cx, float cy, float o
     return p;
 }
 
-// Any chain of points (self-intersecting, open or closed), on a coarse grid so that exact hits of
-// vertices, shared y values and horizontal edges are common.
-inline std::vector<pointf> randomChain(std::mt19937& rng, int n, float extent, bool closed) {
-    std::uniform_int_distribution<int> coord(0, static_cast<int>(extent));
-    std::uniform_int_distribution<int> frac(0, 3);
+// Any chain of points (self-intersecting, open or closed) on a grid of quarter units, so that
+// exact vertex hits, shared y values and horizontal edges are common.
+inline std::vector<pointf> randomChain(std::mt19937& rng, int n, int extent, bool closed) {
+    std::uniform_int_distribution<int> coord(0, extent * 4);
     std::vector<pointf> p;
-    for (int i = 0; i < n; ++i) {
-        p.push_back(pointf(static_cast<float>(coord(rng)) + 0.25f * static_cast<float>(frac(rng)),
-                           static_cast<float>(coord(rng)) + 0.25f * static_cast<float>(frac(rng))));
-    }
+    for (int i = 0; i < n; ++i) p.push_back(pointf(coord(rng) * 0.25f, coord(rng) * 0.25f));
     if (closed && !p.empty()) p.push_back(p.front());
     return p;
 }
 
-// Unusual coordinates mixed in: NaN, infinities, -0, huge values.
+// Unusual coordinates: NaN, infinities, -0, values beyond the int range.
 inline float oddValue(std::mt19937& rng) {
-    static const float values[] = {std::numeric_limits<float>::quiet_NaN(),
-                                   std::numeric_limits<float>::infinity(),
-                                   -std::numeric_limits<float>::infinity(),
-                                   -0.0f,
-                                   0.0f,
-                                   1e10f,
-                                   -3e9f,
-                                   46341.0f,
-                                   2147483648.0f};
-    return values[std::uniform_int_distribution<int>(0, 8)(rng)];
+    const float inf = std::numeric_limits<float>::infinity();
+    const float values[] = {std::numeric_limits<float>::quiet_NaN(),
+                            inf,
+                            -inf,
+                            -0.0f,
+                            1e10f,
+                            -3e9f,
+                            46341.0f,
+                            2147483648.0f};
+    return values[rng() % 8];
 }
 
-inline bool sameBits(float a, float b) {
-    std::uint32_t x, y;
-    std::memcpy(&x, &a, 4);
-    std::memcpy(&y, &b, 4);
-    return x == y;
-}
-
-inline bool sameRects(const std::vector<rectanglef>& a, const std::vector<rectanglef>& b) {
-    if (a.size() != b.size()) return false;
-    for (std::size_t i = 0; i < a.size(); ++i) {
-        if (!sameBits(a[i].x, b[i].x) || !sameBits(a[i].y, b[i].y) ||
-            !sameBits(a[i].width, b[i].width) || !sameBits(a[i].height, b[i].height)) {
-            return false;
-        }
-    }
-    return true;
+// Bitwise equality of two arrays of float-only values (rectanglef, LineSegment): -0 differs
+// from 0, and NaNs compare by their bits.
+template <typename T>
+bool sameBits(const std::vector<T>& a, const std::vector<T>& b) {
+    return a.size() == b.size() &&
+           (a.empty() || std::memcmp(a.data(), b.data(), a.size() * sizeof(T)) == 0);
 }
 
 }  // namespace polygon_test
