@@ -5,493 +5,432 @@
 #include <unistd.h>
 
 #include <asm/termbits.h>
+#include <gtest/gtest.h>
 
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
-#include <cstring>
+#include <fstream>
+#include <memory>
+#include <string>
 #include <thread>
 #include <utility>
+#include <vector>
 
-#include "device_fixture.h"
+#include "pty_server.h"
 #include "quelworks/bootloader/bootloader.h"
 #include "quelworks/serial/rs232.h"
+#include "support/pty_pair.h"
 
-namespace qwtest {
 namespace {
 
-std::string takeText(char* text) {
-    std::string s = text != nullptr ? text : "";
-    std::free(text);
-    return s;
+using quelworks::devsim::Device;
+using quelworks::devsim::DeviceConfig;
+using Bytes = std::vector<std::uint8_t>;
+
+// Replies come within milliseconds; the time-out only bounds the wait for one meant not to come.
+constexpr int kTimeout = 400;
+const std::string kIdentity = "17 11 14 16 1a 15 19 18 1c";  // the queries, in order
+
+Bytes cat(Bytes a, const Bytes& b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
 }
 
-// The pty keeps the line settings the client chose last.
-unsigned lineSpeed(const std::string& path) {
-    int fd = ::open(path.c_str(), O_RDWR | O_NOCTTY);
-    if (fd < 0) return 0;
-    termios2 tio{};
-    int result = ::ioctl(fd, TCGETS2, &tio);
-    ::close(fd);
-    return result == 0 ? tio.c_ospeed : 0;
-}
-
-class BootloaderTest : public DeviceTest {};
-
-TEST_F(BootloaderTest, ReadsTheIdentityInItsFixedOrder) {
-    DeviceConfig config;
-    config.deviceType = 0x0A02;
-    config.subType = 0x0304;
-    config.revision = 0x0007;
-    config.firmwareVersion = 0x0105;
-    config.bootloaderVersion = 2;
-    config.serialNumber = "SN123456";
-    config.description = "bench unit";
-    config.maxBaudrate = 921600;
-    start(config);
-
-    Bootloader boot(port(), kTimeoutMs);
-    ASSERT_TRUE(boot.IsDeviceInfoAvailable());
-    EXPECT_EQ(seen(), identityRequests());  // no 0x1F: the device runs its application
-
-    int value = -1;
-    EXPECT_TRUE(boot.GetDeviceType(&value));
-    EXPECT_EQ(value, 0x0A02);
-    EXPECT_TRUE(boot.GetSubDeviceType(&value));
-    EXPECT_EQ(value, 0x0304);
-    EXPECT_TRUE(boot.GetRevision(&value));
-    EXPECT_EQ(value, 7);
-    EXPECT_TRUE(boot.GetFirmwareVersion(&value));
-    EXPECT_EQ(value, 0x0105);
-    EXPECT_TRUE(boot.GetBootloaderVersion(&value));
-    EXPECT_EQ(value, 2);
-    EXPECT_TRUE(boot.GetMaxBaudrate(&value));
-    EXPECT_EQ(value, 921600);
-    Bootloader::DeviceProgrammingState mode = Bootloader::InProgramMode;
-    EXPECT_TRUE(boot.GetProgramMode(&mode));
-    EXPECT_EQ(mode, Bootloader::NotInProgramMode);
-    char* text = nullptr;
-    ASSERT_TRUE(boot.GetSerialNumber(&text));
-    EXPECT_EQ(takeText(text), "SN123456");
-    ASSERT_TRUE(boot.GetDeviceDescription(&text));
-    EXPECT_EQ(takeText(text), "bench unit");
-
-    // A second call asks again, over a connection of its own.
-    forget();
-    EXPECT_TRUE(boot.AcquireDeviceInfo());
-    EXPECT_EQ(seen(), identityRequests());
-}
-
-TEST_F(BootloaderTest, WithoutAcquiringNothingIsSentAndGettersSayNo) {
-    start();
-    Bootloader boot(port(), false);
-    EXPECT_TRUE(seen().empty());
-    EXPECT_FALSE(boot.IsDeviceInfoAvailable());
-
-    int value = -1;
-    EXPECT_FALSE(boot.GetDeviceType(&value));
-    EXPECT_EQ(value, 0);  // the field is written all the same
-    EXPECT_FALSE(boot.GetMaxBaudrate(&value));
-    EXPECT_EQ(value, 9600);
-    char sentinel[] = "untouched";
-    char* text = sentinel;
-    EXPECT_FALSE(boot.GetSerialNumber(&text));
-    EXPECT_EQ(text, sentinel);
-    EXPECT_FALSE(boot.GetDeviceDescription(&text));
-    EXPECT_EQ(text, sentinel);
-
-    EXPECT_TRUE(boot.AcquireDeviceInfo());
-    EXPECT_TRUE(boot.IsDeviceInfoAvailable());
-
-    // A later failing query chain takes the information back.
-    device([](Device& d) { return d.config().silent = true; });
-    EXPECT_FALSE(boot.AcquireDeviceInfo());
-    EXPECT_FALSE(boot.IsDeviceInfoAvailable());
-    EXPECT_FALSE(boot.GetSerialNumber(&text));
-}
-
-TEST_F(BootloaderTest, ConstructionDrainsWhatTheDeviceStillHadToSay) {
-    start();
-    {
-        // Someone asked for the description and went away without reading the answer.
-        RS232 other;
-        other.PortName(port());
-        ASSERT_TRUE(other.Connect());
-        unsigned char request = 0x1C;
-        ASSERT_TRUE(other.Send(&request, 1));
-        other.Disconnect();
+// A simulated device served on a pty by a thread of the test.
+class Sim {
+public:
+    explicit Sim(const DeviceConfig& config = {}) : server_(config) {
+        std::string error;
+        EXPECT_TRUE(server_.open(&error)) << error;
+        port_ = server_.portPath();
+        server_.start();
     }
-    // Let the unread reply reach the port before the client comes.
-    for (int i = 0; i < 500 && device([](Device& d) { return d.nextEvent().has_value(); }); ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    char* port() { return port_.data(); }
+    template <typename F>
+    auto with(F&& f) {
+        return server_.withDevice(std::forward<F>(f));
     }
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    Bootloader boot(port(), kTimeoutMs);
-    EXPECT_TRUE(boot.IsDeviceInfoAvailable());
-    char* text = nullptr;
-    ASSERT_TRUE(boot.GetDeviceDescription(&text));
-    EXPECT_EQ(takeText(text), DeviceConfig{}.description);
-}
+    // Every byte the device received since the last call.
+    Bytes seen() {
+        return with([](Device& d) {
+            Bytes bytes = d.received();
+            d.clearReceived();
+            return bytes;
+        });
+    }
+    Bytes image() {
+        return with([](Device& d) { return d.image(); });
+    }
 
-TEST_F(BootloaderTest, TypeZeroIsNotAskedForItsSubType) {
-    DeviceConfig config;
-    config.deviceType = 0;
-    start(config);
-    Bootloader boot(port(), kTimeoutMs);
-    EXPECT_TRUE(boot.IsDeviceInfoAvailable());
-    EXPECT_EQ(seen(), (Bytes{0x17, 0x11, 0x16, 0x1A, 0x15, 0x19, 0x18, 0x1C}));
-    int value = -1;
-    boot.GetSubDeviceType(&value);
-    EXPECT_EQ(value, 0);
-}
+private:
+    quelworks::devsim::PtyServer server_;
+    std::string port_;
+};
 
-TEST_F(BootloaderTest, DeviceTypeIsAskedAgainWithTheShortReplyWhenTheEchoIsWrong) {
-    DeviceConfig config;
-    config.deviceType = 0x2A;
-    config.oneByteType = true;
-    config.wrongEchoFor = 0x11;
-    config.wrongEchoTimes = 1;
-    start(config);
-    Bootloader boot(port(), kTimeoutMs);
-    EXPECT_TRUE(boot.IsDeviceInfoAvailable());
-    Bytes expected = {0x17, 0x11, 0x11, 0x14, 0x16, 0x1A, 0x15, 0x19, 0x18, 0x1C};
-    EXPECT_EQ(seen(), expected);
-    int value = -1;
-    boot.GetDeviceType(&value);
-    EXPECT_EQ(value, 0x2A);
-}
+struct TempFile {
+    std::string path;
+    TempFile(const std::string& name, const Bytes& content)
+        : path(::testing::TempDir() + "qw_boot_" + name) {
+        std::ofstream(path, std::ios::binary)
+            .write(reinterpret_cast<const char*>(content.data()), std::streamsize(content.size()));
+    }
+    ~TempFile() { std::remove(path.c_str()); }
+    char* name() { return path.data(); }
+};
 
-TEST_F(BootloaderTest, ShortTypeReplyWithTheRightEchoIsTakenAsItStands) {
-    // The echo alone decides: a 2-byte reply to the 3-byte read passes, and the byte that never
-    // came reads as zero.
-    DeviceConfig config;
-    config.deviceType = 0x2A;
-    config.oneByteType = true;
-    start(config);
-    Bootloader boot(port(), kTimeoutMs);
-    EXPECT_TRUE(boot.IsDeviceInfoAvailable());
-    EXPECT_EQ(seen(), identityRequests());
-    int value = -1;
-    boot.GetDeviceType(&value);
-    EXPECT_EQ(value, 0x2A00);
-}
-
-TEST_F(BootloaderTest, AWrongEchoEndsTheChainAndKeepsWhatWasRead) {
-    DeviceConfig config;
-    config.wrongEchoFor = 0x16;
-    config.bootloaderVersion = 5;
-    start(config);
-    Bootloader boot(port(), kTimeoutMs);
-    EXPECT_FALSE(boot.IsDeviceInfoAvailable());
-    EXPECT_EQ(seen(), (Bytes{0x17, 0x11, 0x14, 0x16}));
-    int value = -1;
-    EXPECT_FALSE(boot.GetBootloaderVersion(&value));
-    EXPECT_EQ(value, 5);
-}
-
-TEST_F(BootloaderTest, TheDescriptionsEchoIsNotChecked) {
-    DeviceConfig config;
-    config.wrongEchoFor = 0x1C;
-    start(config);
-    Bootloader boot(port(), kTimeoutMs);
-    EXPECT_TRUE(boot.IsDeviceInfoAvailable());
-    char* text = nullptr;
-    ASSERT_TRUE(boot.GetDeviceDescription(&text));
-    EXPECT_EQ(takeText(text), config.description);
-}
-
-TEST_F(BootloaderTest, AnUnterminatedDescriptionIsKeptButFailsTheChain) {
-    DeviceConfig config;
-    config.unterminatedDescription = true;
-    config.startInProgramMode = true;
-    start(config);
-    Bootloader boot(port(), kTimeoutMs, false);
-    EXPECT_FALSE(boot.AcquireDeviceInfo());
-    // The chain ends at the description: no program parameters are asked for.
-    EXPECT_EQ(seen(), identityRequests());
-}
-
-TEST_F(BootloaderTest, ASilentDeviceFailsAtTheFirstQuery) {
-    DeviceConfig config;
-    config.silent = true;
-    start(config);
-    Bootloader boot(port(), kTimeoutMs);
-    EXPECT_FALSE(boot.IsDeviceInfoAvailable());
-    EXPECT_EQ(seen(), Bytes{0x17});
-    int value = -1;
-    boot.GetSubDeviceType(&value);
-    EXPECT_EQ(value, 0);
-}
-
-TEST_F(BootloaderTest, AMissingPortFailsWithoutHanging) {
-    char missing[] = "/dev/quelworks-no-such-port";
-    Bootloader boot(missing, kTimeoutMs);
-    EXPECT_FALSE(boot.IsDeviceInfoAvailable());
-    EXPECT_FALSE(boot.SwitchToMaxBaudrate());
-    EXPECT_FALSE(boot.EnterBootloader());
-
-    Bootloader unnamed(nullptr, 20);
-    EXPECT_FALSE(unnamed.IsDeviceInfoAvailable());
-}
-
-TEST_F(BootloaderTest, SwitchToMaxBaudrateReconnectsAtTheNewRate) {
-    DeviceConfig config;
-    config.maxBaudrate = 115200;
-    start(config);
-    Bootloader boot(port(), kTimeoutMs);
-    ASSERT_TRUE(boot.IsDeviceInfoAvailable());
-    EXPECT_EQ(lineSpeed(portPath()), 9600u);
-
-    forget();
-    ASSERT_TRUE(boot.SwitchToMaxBaudrate());
-    EXPECT_EQ(seen(), Bytes{0x1B});
-    EXPECT_EQ(device([](Device& d) { return d.baudrate(); }), 115200u);
-    EXPECT_TRUE(boot.AcquireDeviceInfo());
-    EXPECT_EQ(lineSpeed(portPath()), 115200u);
-}
-
-TEST_F(BootloaderTest, ARefusedSwitchKeepsTheRate) {
-    DeviceConfig config;
-    config.wrongEchoFor = 0x1B;
-    start(config);
-    // Without device information the maximum is still 9600.
-    Bootloader boot(port(), kTimeoutMs, false);
-    EXPECT_FALSE(boot.SwitchToMaxBaudrate());
-    EXPECT_TRUE(boot.AcquireDeviceInfo());
-    EXPECT_EQ(lineSpeed(portPath()), 9600u);
-}
-
-TEST_F(BootloaderTest, EnterBootloaderSendsTheTextToVersionsAboveOne) {
-    DeviceConfig config;
-    config.bootloaderVersion = 2;
-    config.pollsBeforeProgramMode = 3;
-    start(config);
-    Bootloader boot(port(), kTimeoutMs);
-    forget();
-    ASSERT_TRUE(boot.EnterBootloader());
-    EXPECT_EQ(seen(),
-              concat({{0x1D}, bytes("Enter Progmode\r\n"), {0x18, 0x18, 0x18, 0x18, 0x1F}}));
-    Bootloader::DeviceProgrammingState mode = Bootloader::NotInProgramMode;
-    boot.GetProgramMode(&mode);
-    EXPECT_EQ(mode, Bootloader::InProgramMode);
-
-    // Known to be in programming mode now: nothing more to do.
-    forget();
-    EXPECT_TRUE(boot.EnterBootloader());
-    EXPECT_TRUE(seen().empty());
-}
-
-TEST_F(BootloaderTest, EnterBootloaderSendsTheByteAloneToVersionOne) {
-    DeviceConfig config;
-    config.bootloaderVersion = 1;
-    start(config);
-    Bootloader boot(port(), kTimeoutMs);
-    forget();
-    ASSERT_TRUE(boot.EnterBootloader());
-    EXPECT_EQ(seen(), (Bytes{0x1D, 0x18, 0x1F}));
-}
-
-TEST_F(BootloaderTest, EnterBootloaderGivesUpAfterTheLastPollAndClosesThePort) {
-    DeviceConfig config;
-    config.bootloaderVersion = 1;
-    config.neverEnterProgramMode = true;
-    start(config);
-    Bootloader boot(port(), kTimeoutMs);
-    forget();
-    EXPECT_FALSE(boot.EnterBootloader());
-    // timeout / (timeout / 10) + 2 = 12 polls.
-    EXPECT_EQ(seen(), concat({{0x1D}, Bytes(12, 0x18)}));
-    RS232 other;
-    other.PortName(port());
-    EXPECT_TRUE(other.Connect()) << "the port was left open";
-}
-
-TEST_F(BootloaderTest, ATimeOutBelowTenMillisecondsIsRefused) {
-    start();
-    Bootloader boot(port(), 5, false);
-    EXPECT_FALSE(boot.EnterBootloader());
-    EXPECT_TRUE(seen().empty());
-}
-
-TEST_F(BootloaderTest, ADeviceAlreadyInProgrammingModeNeedsNoEnter) {
-    DeviceConfig config;
-    config.startInProgramMode = true;
-    config.blockSize = 128;
-    config.programParameter2 = 0x01020304;
-    start(config);
-    Bootloader boot(port(), kTimeoutMs);
-    ASSERT_TRUE(boot.IsDeviceInfoAvailable());
-    EXPECT_EQ(seen(), concat({identityRequests(), {0x1F}}));
-    forget();
-    EXPECT_TRUE(boot.EnterBootloader());
-    EXPECT_TRUE(seen().empty());
-
-    // The block size came with the identity.
-    std::string file = writeFile(pattern(300));
-    ASSERT_TRUE(boot.UpdateFirmware(0, file.data()));
-    EXPECT_EQ(device([](Device& d) { return d.image(); }), pattern(300));
-    EXPECT_EQ(device([](Device& d) { return d.blocksAccepted(); }), 3);
-}
-
-// Progress reports of the running update.
-std::vector<std::pair<int, int>> g_progress;
-void recordProgress(int done, int total) {
-    g_progress.emplace_back(done, total);
+Bytes pattern(std::size_t size) {
+    Bytes data(size);
+    unsigned x = static_cast<unsigned>(size);
+    for (auto& b : data) b = static_cast<std::uint8_t>((x = x * 1103515245u + 12345u) >> 16);
+    return data;
 }
 
 Bytes frame(const Bytes& image, std::size_t offset, std::size_t length) {
     Bytes block(image.begin() + offset, image.begin() + offset + length);
     std::uint16_t crc = Device::checksum(block.data(), block.size());
-    block.push_back(static_cast<std::uint8_t>(crc >> 8));
-    block.push_back(static_cast<std::uint8_t>(crc));
-    return block;
+    return cat(block, {static_cast<std::uint8_t>(crc >> 8), static_cast<std::uint8_t>(crc)});
 }
 
-TEST_F(BootloaderTest, UpdateFirmwareSendsTheHeaderAndChecksummedBlocks) {
+std::string hex(const Bytes& bytes) {
+    std::string text;
+    char digits[4];
+    for (std::uint8_t b : bytes) text += (std::snprintf(digits, 4, " %02x", b), digits);
+    return text.empty() ? text : text.substr(1);
+}
+
+std::string take(char* text) {
+    std::string s = text != nullptr ? text : "<null>";
+    std::free(text);
+    return s;
+}
+
+// The pty keeps the line settings the client chose last.
+unsigned lineSpeed(const char* path) {
+    int fd = ::open(path, O_RDWR | O_NOCTTY);
+    termios2 tio{};
+    int result = fd < 0 ? -1 : ::ioctl(fd, TCGETS2, &tio);
+    if (fd >= 0) ::close(fd);
+    return result == 0 ? tio.c_ospeed : 0;
+}
+
+std::vector<std::pair<int, int>> g_progress;
+void recordProgress(int done, int total) {
+    g_progress.emplace_back(done, total);
+}
+
+TEST(Bootloader, ReadsTheIdentityInItsFixedOrder) {
     DeviceConfig config;
+    config.subType = 0x0304;
+    config.serialNumber = "SN123456";
+    config.maxBaudrate = 921600;
+    Sim sim(config);
+    Bootloader boot(sim.port(), kTimeout);
+    ASSERT_TRUE(boot.IsDeviceInfoAvailable());
+    EXPECT_EQ(hex(sim.seen()), kIdentity);  // no 0x1F: the device runs its application
+
+    const std::pair<bool (Bootloader::*)(int*), int> fields[] = {
+        {&Bootloader::GetDeviceType, 0x0A02},   {&Bootloader::GetSubDeviceType, 0x0304},
+        {&Bootloader::GetRevision, 7},          {&Bootloader::GetFirmwareVersion, 0x0105},
+        {&Bootloader::GetBootloaderVersion, 2}, {&Bootloader::GetMaxBaudrate, 921600}};
+    for (const auto& [get, expected] : fields) {
+        int value = -1;
+        EXPECT_TRUE((boot.*get)(&value));
+        EXPECT_EQ(value, expected);
+    }
+    char* text = nullptr;
+    ASSERT_TRUE(boot.GetSerialNumber(&text));
+    EXPECT_EQ(take(text), "SN123456");
+    ASSERT_TRUE(boot.GetDeviceDescription(&text));
+    EXPECT_EQ(take(text), config.description);
+
+    // A second call asks again.
+    EXPECT_TRUE(boot.AcquireDeviceInfo());
+    EXPECT_EQ(hex(sim.seen()), kIdentity);
+}
+
+TEST(Bootloader, IdentityQuirksAndFaults) {
+    struct Case {
+        const char* name;
+        bool ok;
+        std::string sent;
+        int type, subType;
+        void (*set)(DeviceConfig&);
+    };
+    const Case cases[] = {
+        {"one-byte type, first echo wrong: asked again for the short reply", true,
+         "17 11 11 14 16 1a 15 19 18 1c", 0x2A, 3,
+         [](DeviceConfig& c) {
+             c.deviceType = 0x2A, c.oneByteType = true, c.wrongEchoFor = 0x11, c.wrongEchoTimes = 1;
+         }},
+        {"one-byte type, right echo: the echo decides, the missing byte reads as zero", true,
+         kIdentity, 0x2A00, 3, [](DeviceConfig& c) { c.deviceType = 0x2A, c.oneByteType = true; }},
+        {"type 0 is not asked for its sub-type", true, "17 11 16 1a 15 19 18 1c", 0, 0,
+         [](DeviceConfig& c) { c.deviceType = 0; }},
+        {"the description's echo is not checked", true, kIdentity, 0x0A02, 3,
+         [](DeviceConfig& c) { c.wrongEchoFor = 0x1C; }},
+        {"in programming mode the program parameters follow", true, kIdentity + " 1f", 0x0A02, 3,
+         [](DeviceConfig& c) { c.startInProgramMode = true; }},
+        {"a wrong echo ends the chain and keeps what was read", false, "17 11 14 16", 0x0A02, 3,
+         [](DeviceConfig& c) { c.wrongEchoFor = 0x16; }},
+        {"an unterminated description fails the chain before 0x1F", false, kIdentity, 0x0A02, 3,
+         [](DeviceConfig& c) { c.unterminatedDescription = c.startInProgramMode = true; }},
+        {"a silent device fails at the first query", false, "17", 0, 0,
+         [](DeviceConfig& c) { c.silent = true; }},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        DeviceConfig config;
+        c.set(config);
+        Sim sim(config);
+        Bootloader boot(sim.port(), kTimeout);
+        EXPECT_EQ(boot.IsDeviceInfoAvailable(), c.ok);
+        EXPECT_EQ(hex(sim.seen()), c.sent);
+        int type = -1, subType = -1;
+        boot.GetDeviceType(&type);
+        boot.GetSubDeviceType(&subType);
+        EXPECT_EQ(type, c.type);
+        EXPECT_EQ(subType, c.subType);
+        char* text = nullptr;
+        if (c.ok) {
+            EXPECT_TRUE(boot.GetDeviceDescription(&text));
+            EXPECT_EQ(take(text), config.description);
+        }
+    }
+}
+
+TEST(Bootloader, ConstructionDrainsWhatTheDeviceStillHadToSay) {
+    Sim sim;
+    {
+        // Someone asked for the description and went away without reading the answer.
+        RS232 other;
+        other.PortName(sim.port());
+        ASSERT_TRUE(other.Connect());
+        unsigned char request = 0x1C;
+        ASSERT_TRUE(other.Send(&request, 1));
+        other.Disconnect();
+    }
+    for (int i = 0; i < 500 && sim.with([](Device& d) { return d.nextEvent().has_value(); }); ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    Bootloader boot(sim.port(), kTimeout);
+    EXPECT_TRUE(boot.IsDeviceInfoAvailable());
+
+    // A later failing query chain takes the information back.
+    sim.with([](Device& d) { return d.config().silent = true; });
+    EXPECT_FALSE(boot.AcquireDeviceInfo());
+    EXPECT_FALSE(boot.IsDeviceInfoAvailable());
+}
+
+TEST(Bootloader, WithoutInformationGettersSayNoButStillWrite) {
+    char missing[] = "/dev/quelworks-no-such-port";
+    Bootloader boot(missing, kTimeout);
+    EXPECT_FALSE(boot.IsDeviceInfoAvailable());
+    EXPECT_FALSE(boot.SwitchToMaxBaudrate());
+    int value = -1;
+    EXPECT_FALSE(boot.GetMaxBaudrate(&value));
+    EXPECT_EQ(value, 9600);
+    char sentinel[] = "untouched";
+    char* text = sentinel;
+    EXPECT_FALSE(boot.GetSerialNumber(&text));
+    EXPECT_FALSE(boot.GetDeviceDescription(&text));
+    EXPECT_EQ(text, sentinel);
+    Bootloader unnamed(nullptr, 20);
+    EXPECT_FALSE(unnamed.IsDeviceInfoAvailable());
+}
+
+TEST(Bootloader, SwitchToMaxBaudrateReconnectsAtTheNewRateOnlyWhenAccepted) {
+    DeviceConfig config;
+    config.wrongEchoFor = 0x1B;
+    config.wrongEchoTimes = 1;
+    Sim sim(config);
+    Bootloader boot(sim.port(), kTimeout);
+    EXPECT_FALSE(boot.SwitchToMaxBaudrate());
+    EXPECT_TRUE(boot.AcquireDeviceInfo());
+    EXPECT_EQ(lineSpeed(sim.port()), 9600u);
+
+    sim.seen();
+    ASSERT_TRUE(boot.SwitchToMaxBaudrate());
+    EXPECT_EQ(sim.seen(), Bytes{0x1B});
+    EXPECT_EQ(sim.with([](Device& d) { return d.baudrate(); }), 115200u);
+    EXPECT_TRUE(boot.AcquireDeviceInfo());
+    EXPECT_EQ(lineSpeed(sim.port()), 115200u);
+}
+
+TEST(Bootloader, EnterBootloaderByVersionWithPolls) {
+    const std::string text = "Enter Progmode\r\n";
+    const struct {
+        int version, polls;
+        bool never;
+        Bytes sent;
+    } cases[] = {
+        {2, 3, false,
+         cat(cat({0x1D}, Bytes(text.begin(), text.end())), {0x18, 0x18, 0x18, 0x18, 0x1F})},
+        {1, 0, false, {0x1D, 0x18, 0x1F}},
+        {1, 0, true, cat({0x1D}, Bytes(12, 0x18))},  // timeout / (timeout / 10) + 2 polls
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE("version " + std::to_string(c.version) + (c.never ? ", never entering" : ""));
+        DeviceConfig config;
+        config.bootloaderVersion = static_cast<std::uint16_t>(c.version);
+        config.pollsBeforeProgramMode = c.polls;
+        config.neverEnterProgramMode = c.never;
+        Sim sim(config);
+        Bootloader boot(sim.port(), kTimeout);
+        sim.seen();
+        EXPECT_EQ(boot.EnterBootloader(), !c.never);
+        EXPECT_EQ(sim.seen(), c.sent);
+        RS232 other;  // the port was closed again
+        other.PortName(sim.port());
+        EXPECT_TRUE(other.Connect());
+    }
+
+    // A time-out below 10 ms is refused without traffic.
+    Sim sim;
+    Bootloader boot(sim.port(), 5, false);
+    EXPECT_FALSE(boot.EnterBootloader());
+    EXPECT_TRUE(sim.seen().empty());
+}
+
+TEST(Bootloader, UpdateFirmwareSendsTheHeaderAndChecksummedBlocks) {
+    DeviceConfig config;
+    config.startInProgramMode = true;  // the block size comes with the identity
     config.blockSize = 256;
-    start(config);
-    Bootloader boot(port(), kTimeoutMs);
+    Sim sim(config);
+    Bootloader boot(sim.port(), kTimeout);
     ASSERT_TRUE(boot.EnterBootloader());
-    Bytes image = pattern(600);
-    std::string file = writeFile(image);
-
-    forget();
-    g_progress.clear();
+    EXPECT_EQ(hex(sim.seen()), kIdentity + " 1f");  // nothing sent to enter
     boot.ProgressCallback = recordProgress;
-    ASSERT_TRUE(boot.UpdateFirmware(0x12345, file.data()));
+    g_progress.clear();
 
-    // Header: 0x1D, 3 blocks, 600 bytes, last block 88 bytes, value's low 16 bits.
+    Bytes image = pattern(600);
+    TempFile file("600.bin", image);
+    ASSERT_TRUE(boot.UpdateFirmware(0x12345, file.name()));
+    // 3 blocks, 600 bytes, the last block 88 bytes, the value's low 16 bits.
     Bytes header = {0x1D, 0x03, 0x00, 0x00, 0x02, 0x58, 0x00, 0x58, 0x23, 0x45};
-    EXPECT_EQ(seen(), concat({header, frame(image, 0, 256), frame(image, 256, 256),
-                              frame(image, 512, 88)}));
+    EXPECT_EQ(sim.seen(), cat(cat(cat(header, frame(image, 0, 256)), frame(image, 256, 256)),
+                              frame(image, 512, 88)));
     std::vector<std::pair<int, int>> expected = {{0, 600}, {256, 600}, {512, 600}, {600, 600}};
     EXPECT_EQ(g_progress, expected);
-    EXPECT_EQ(device([](Device& d) { return d.image(); }), image);
+    EXPECT_EQ(sim.image(), image);
 
-    // The object is unchanged: the same image can be written again.
-    ASSERT_TRUE(boot.UpdateFirmware(0, file.data()));
-    EXPECT_EQ(device([](Device& d) { return d.imagesWritten(); }), 2);
+    // 300 full blocks: the count goes out modulo 256, the last length is a whole block, and
+    // every block is still sent.
+    Bytes big = pattern(300 * 256);
+    TempFile many("many.bin", big);
+    ASSERT_TRUE(boot.UpdateFirmware(-1, many.name()));
+    Bytes sent = sim.seen();
+    ASSERT_EQ(sent.size(), 10 + big.size() + 300 * 2);
+    EXPECT_EQ(Bytes(sent.begin(), sent.begin() + 10),
+              (Bytes{0x1D, 300 - 256, 0x00, 0x01, 0x2C, 0x00, 0x01, 0x00, 0xFF, 0xFF}));
+    EXPECT_EQ(sim.image(), big);
 }
 
-TEST_F(BootloaderTest, HeaderOfAnExactMultipleAndOfMoreThan255Blocks) {
-    DeviceConfig config;
-    config.blockSize = 16;
-    start(config);
-    Bootloader boot(port(), kTimeoutMs);
-    ASSERT_TRUE(boot.EnterBootloader());
-
-    std::string exact = writeFile(pattern(64));
-    forget();
-    ASSERT_TRUE(boot.UpdateFirmware(0, exact.data()));
-    Bytes sent = seen();
-    ASSERT_GE(sent.size(), 10u);
-    EXPECT_EQ(Bytes(sent.begin(), sent.begin() + 10),
-              (Bytes{0x1D, 4, 0x00, 0x00, 0x00, 0x40, 0x00, 0x10, 0x00, 0x00}));
-
-    // 300 blocks: the count goes out modulo 256, and every block is still sent.
-    Bytes big = pattern(300 * 16 + 5, 3);
-    std::string many = writeFile(big);
-    forget();
-    ASSERT_TRUE(boot.UpdateFirmware(-1, many.data()));
-    sent = seen();
-    EXPECT_EQ(Bytes(sent.begin(), sent.begin() + 10),
-              (Bytes{0x1D, 301 - 256, 0x00, 0x00, 0x12, 0xC5, 0x00, 0x05, 0xFF, 0xFF}));
-    EXPECT_EQ(sent.size(), 10 + big.size() + 301 * 2);
-    EXPECT_EQ(device([](Device& d) { return d.image(); }), big);
-}
-
-TEST_F(BootloaderTest, ARejectedBlockStopsTheUpdate) {
+TEST(Bootloader, UpdateFirmwareFailures) {
     DeviceConfig config;
     config.blockSize = 64;
-    config.rejectBlock = 3;
-    start(config);
-    Bootloader boot(port(), kTimeoutMs);
-    ASSERT_TRUE(boot.EnterBootloader());
-    std::string file = writeFile(pattern(640));
-
-    g_progress.clear();
-    boot.ProgressCallback = recordProgress;
-    forget();
-    EXPECT_FALSE(boot.UpdateFirmware(0, file.data()));
-    std::vector<std::pair<int, int>> expected = {{0, 640}, {64, 640}, {128, 640}};
-    EXPECT_EQ(g_progress, expected);
-    EXPECT_EQ(seen().size(), 10u + 3 * 66);  // nothing after the refused block
-    EXPECT_EQ(device([](Device& d) { return d.imagesWritten(); }), 0);
-
-    // Not resumable, but repeatable: a new call starts again from the header.
-    device([](Device& d) { return d.config().rejectBlock = 0; });
-    EXPECT_TRUE(boot.UpdateFirmware(0, file.data()));
-    EXPECT_EQ(device([](Device& d) { return d.image(); }), pattern(640));
-}
-
-TEST_F(BootloaderTest, ARefusedHeaderSendsNoBlock) {
-    start();
-    Bootloader boot(port(), kTimeoutMs);
-    ASSERT_TRUE(boot.EnterBootloader());
-    device([](Device& d) { return d.config().refuseHeader = true; });
-    std::string file = writeFile(pattern(100));
-    g_progress.clear();
-    boot.ProgressCallback = recordProgress;
-    forget();
-    EXPECT_FALSE(boot.UpdateFirmware(0, file.data()));
-    EXPECT_EQ(seen().size(), 10u);
-    EXPECT_TRUE(g_progress.empty());
-}
-
-TEST_F(BootloaderTest, NoTrafficForAMissingOrEmptyImageOrOutsideProgrammingMode) {
-    start();
-    Bootloader boot(port(), kTimeoutMs);
-    std::string file = writeFile(pattern(10));
-    forget();
-    EXPECT_FALSE(boot.UpdateFirmware(0, file.data()));  // not in programming mode yet
-    ASSERT_TRUE(boot.EnterBootloader());
-
-    forget();
-    std::string empty = writeFile({});
-    EXPECT_FALSE(boot.UpdateFirmware(0, empty.data()));
+    Sim sim(config);
+    Bootloader boot(sim.port(), kTimeout);
+    TempFile file("640.bin", pattern(640)), empty("empty.bin", {});
     char missing[] = "/nonexistent/quelworks/image.bin";
+    sim.seen();
+    EXPECT_FALSE(boot.UpdateFirmware(0, file.name()));  // not in programming mode yet
+    ASSERT_TRUE(boot.EnterBootloader());
+    sim.seen();
+    EXPECT_FALSE(boot.UpdateFirmware(0, empty.name()));
     EXPECT_FALSE(boot.UpdateFirmware(0, missing));
     EXPECT_FALSE(boot.UpdateFirmware(0, nullptr));
-    EXPECT_TRUE(seen().empty());
+    EXPECT_TRUE(sim.seen().empty());
+
+    boot.ProgressCallback = recordProgress;
+    g_progress.clear();
+    sim.with([](Device& d) { return d.config().refuseHeader = true; });
+    EXPECT_FALSE(boot.UpdateFirmware(0, file.name()));
+    EXPECT_EQ(sim.seen().size(), 10u);  // no block after a refused header
+    EXPECT_TRUE(g_progress.empty());
+
+    sim.with([](Device& d) { return d.config().refuseHeader = false, d.config().rejectBlock = 3; });
+    EXPECT_FALSE(boot.UpdateFirmware(0, file.name()));
+    std::vector<std::pair<int, int>> expected = {{0, 640}, {64, 640}, {128, 640}};
+    EXPECT_EQ(g_progress, expected);
+    EXPECT_EQ(sim.seen().size(), 10u + 3 * 66);  // nothing after the refused block
+
+    // Not resumable, but repeatable: a new call starts again from the header.
+    sim.with([](Device& d) { return d.config().rejectBlock = 0; });
+    EXPECT_TRUE(boot.UpdateFirmware(0, file.name()));
+    EXPECT_EQ(sim.image(), pattern(640));
+
+    // A block size of 0 would never cut the image.
+    sim.with([](Device& d) { return d.config().blockSize = 0; });
+    ASSERT_TRUE(boot.AcquireDeviceInfo());
+    sim.seen();
+    EXPECT_FALSE(boot.UpdateFirmware(0, file.name()));
+    EXPECT_TRUE(sim.seen().empty());
 }
 
-TEST_F(BootloaderTest, AZeroBlockSizeIsRefused) {
-    DeviceConfig config;
-    config.blockSize = 0;
-    start(config);
-    Bootloader boot(port(), kTimeoutMs);
-    ASSERT_TRUE(boot.EnterBootloader());
-    std::string file = writeFile(pattern(10));
-    forget();
-    EXPECT_FALSE(boot.UpdateFirmware(0, file.data()));
-    EXPECT_TRUE(seen().empty());
-}
-
-TEST_F(BootloaderTest, CopiesOwnTheirStrings) {
-    DeviceConfig config;
-    config.serialNumber = "COPY0001";
-    start(config);
-    auto original = std::make_unique<Bootloader>(port(), kTimeoutMs);
+TEST(Bootloader, CopiesOwnTheirStrings) {
+    Sim sim;
+    auto original = std::make_unique<Bootloader>(sim.port(), kTimeout);
     ASSERT_TRUE(original->IsDeviceInfoAvailable());
     Bootloader copy(*original);
-    Bootloader assigned(port(), false);
+    Bootloader assigned(sim.port(), false);
     assigned = *original;
     assigned = assigned;
     original.reset();  // the copies' strings must outlive the original
-
     for (Bootloader* b : {&copy, &assigned}) {
         char* text = nullptr;
         ASSERT_TRUE(b->GetSerialNumber(&text));
-        EXPECT_EQ(takeText(text), "COPY0001");
+        EXPECT_EQ(take(text), DeviceConfig{}.serialNumber);
         ASSERT_TRUE(b->GetDeviceDescription(&text));
-        EXPECT_EQ(takeText(text), config.description);
-        int value = 0;
-        b->GetMaxBaudrate(&value);
-        EXPECT_EQ(value, static_cast<int>(config.maxBaudrate));
+        EXPECT_EQ(take(text), DeviceConfig{}.description);
     }
-    // A copy is a working client of its own.
-    EXPECT_TRUE(copy.AcquireDeviceInfo());
+    EXPECT_TRUE(copy.AcquireDeviceInfo());  // a copy is a working client of its own
+}
+
+// Byte-exact replies the simulated device does not produce, played by a scripted peer: one
+// identity chain (type 0, no sub-type request) with this description reply.
+void scriptIdentity(qwtest::ScriptedPeer& peer, const Bytes& description, bool programMode) {
+    peer.expect({0x17}).reply({0x17, 0x00, 0x01});
+    peer.expect({0x11}).reply({0x11, 0x00, 0x00});
+    peer.expect({0x16}).reply({0x16, 0x00, 0x01});
+    peer.expect({0x1A}).reply({0x1A, 0x00, 0x01, 0xC2, 0x00});
+    peer.expect({0x15}).reply({0x15, 0x00, 0x01});
+    peer.expect({0x19}).reply({0x19, 'A', 'B', 0x00, 'C', 'D', 'E', 'F', 'G'});
+    peer.expect({0x18}).reply({0x18, std::uint8_t(programMode ? 0x20 : 0x00)});
+    peer.expect({0x1C}).reply(description);
+    if (programMode) peer.expect({0x1F}).reply({0x1F, 0, 0, 0, 5, 0xDE, 0xAD, 0xBE, 0xEF});
+}
+
+TEST(BootloaderScript, DescriptionEdgesSwitchReplyAndBlockReplies) {
+    qwtest::PtyPair pty;
+    qwtest::ScriptedPeer peer(pty);
+    scriptIdentity(peer, {0x1C, 'a', 'b', 'c', 0x00}, false);
+    scriptIdentity(peer, {0x00}, false);       // nothing after the request: the description stays
+    scriptIdentity(peer, {0x1C, 0x00}, true);  // the echo, then the end: an empty description
+    peer.expect({0x1B}).reply({0x1B, 0x21});   // the switch needs exactly 0x1B 0x20
+    // 12 bytes in blocks of 5. Only the first byte of a block's reply counts: one cut short after
+    // 0x20 passes, and so does one with odd trailing bytes.
+    const Bytes image = qwtest::bytesOf("0123456789AB");
+    peer.expect({0x1D, 0x03, 0x00, 0x00, 0x00, 0x0C, 0x00, 0x02, 0x00, 0x07}).reply({0x1D, 0x20});
+    peer.expect(frame(image, 0, 5)).reply({0x20});
+    peer.expect(frame(image, 5, 5)).reply({0x20, 0xFF, 0xFF});
+    peer.expect(frame(image, 10, 2)).reply({0x21, 0x00, 0x03});
+    peer.start();
+
+    std::string path = pty.path();
+    Bootloader boot(path.data(), kTimeout, false);
+    char* text = nullptr;
+    for (const char* description : {"abc", "abc", ""}) {
+        ASSERT_TRUE(boot.AcquireDeviceInfo()) << peer.error();
+        ASSERT_TRUE(boot.GetDeviceDescription(&text));
+        EXPECT_EQ(take(text), description);
+    }
+    ASSERT_TRUE(boot.GetSerialNumber(&text));
+    EXPECT_EQ(take(text), "AB");  // a zero byte ends the serial number
+    EXPECT_FALSE(boot.SwitchToMaxBaudrate());
+    TempFile file("script.bin", image);
+    EXPECT_FALSE(boot.UpdateFirmware(7, file.name()));  // refused at the last block
+    EXPECT_TRUE(peer.finish()) << peer.error();
 }
 
 }  // namespace
-}  // namespace qwtest
