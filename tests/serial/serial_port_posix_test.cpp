@@ -18,9 +18,9 @@ long long msSince(Clock::time_point start) {
     return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
 }
 
-// A read ends after multiplier x count + constant ms; with only an interval it waits for its first
-// byte and ends at a gap longer than the interval. A write the line cannot take (nobody reads the
-// far end) ends at its time-out, successfully, with the bytes accepted so far.
+// A read ends after multiplier x count + constant ms, or at the first gap after a byte longer than
+// the interval. A write the line cannot take (nobody reads the far end) ends at its time-out,
+// successfully, with the bytes accepted so far.
 TEST(PosixPort, TimeoutRules) {
     qwtest::PtyPair pty;
     PortHandle handle = openPort(("//./" + pty.path()).c_str());
@@ -29,7 +29,8 @@ TEST(PosixPort, TimeoutRules) {
     ASSERT_TRUE(getCommState(handle, &dcb));
     dcb.BaudRate = 9600;
     ASSERT_TRUE(setCommState(handle, &dcb));
-    quelworks::CommTimeouts timeouts[] = {{0, 100, 50, 0, 0}, {40, 0, 0, 0, 0}, {0, 0, 0, 0, 150}};
+    quelworks::CommTimeouts timeouts[] = {
+        {0, 100, 50, 0, 0}, {40, 0, 2000, 0, 0}, {0, 0, 0, 0, 150}};
 
     ASSERT_TRUE(setCommTimeouts(handle, &timeouts[0]));
     std::uint8_t buf[10];
