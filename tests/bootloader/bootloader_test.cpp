@@ -216,25 +216,26 @@ TEST(Bootloader, ConstructionDrainsWhatTheDeviceStillHadToSay) {
     Bootloader boot(sim.port(), kTimeout);
     EXPECT_TRUE(boot.IsDeviceInfoAvailable());
 
-    // A later failing query chain takes the information back.
+    // A later failing query chain takes the information back; the getters still write what
+    // was read, the string getters leave the pointer alone.
     sim.with([](Device& d) { return d.config().silent = true; });
     EXPECT_FALSE(boot.AcquireDeviceInfo());
     EXPECT_FALSE(boot.IsDeviceInfoAvailable());
-}
-
-TEST(Bootloader, WithoutInformationGettersSayNoButStillWrite) {
-    char missing[] = "/dev/quelworks-no-such-port";
-    Bootloader boot(missing, kTimeout);
-    EXPECT_FALSE(boot.IsDeviceInfoAvailable());
-    EXPECT_FALSE(boot.SwitchToMaxBaudrate());
     int value = -1;
-    EXPECT_FALSE(boot.GetMaxBaudrate(&value));
-    EXPECT_EQ(value, 9600);
+    EXPECT_FALSE(boot.GetDeviceType(&value));
+    EXPECT_EQ(value, 0x0A02);
     char sentinel[] = "untouched";
     char* text = sentinel;
     EXPECT_FALSE(boot.GetSerialNumber(&text));
     EXPECT_FALSE(boot.GetDeviceDescription(&text));
     EXPECT_EQ(text, sentinel);
+}
+
+TEST(Bootloader, AMissingOrUnnamedPortFails) {
+    char missing[] = "/dev/quelworks-no-such-port";
+    Bootloader boot(missing, kTimeout);
+    EXPECT_FALSE(boot.IsDeviceInfoAvailable());
+    EXPECT_FALSE(boot.SwitchToMaxBaudrate());
     Bootloader unnamed(nullptr, 20);
     EXPECT_FALSE(unnamed.IsDeviceInfoAvailable());
 }
