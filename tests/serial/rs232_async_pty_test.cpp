@@ -113,7 +113,9 @@ TEST_F(AsyncPty, DestroyingRunningLinksIsSafe) {
         link.Send(text);
         if (i == 1) link.Disconnect();  // destroyed right after Disconnect, or without it
         if (i == 2) {
-            RS232Async copy(link);  // shares the port and the queued messages, not the thread
+            // A copy shares the port, its name and the queued messages, not the thread; each is
+            // released once.
+            RS232Async copy(link);
             EXPECT_TRUE(copy.IsConnected());
         }
     }

@@ -105,25 +105,6 @@ TEST_F(RS232Pty, OpenIsExclusive) {
     EXPECT_TRUE(second.Connect(name_.data()));
 }
 
-// Member-wise copies share the port and the name; each is released once.
-TEST_F(RS232Pty, CopiesShareThePortAndName) {
-    port_.Disconnect();
-    const int before = qwtest::openDescriptorCount();
-    {
-        RS232 original;
-        ASSERT_TRUE(original.Connect(name_.data()));
-        RS232 copy(original);
-        RS232 assigned;
-        assigned = copy;
-        char hello[] = "via copy";
-        EXPECT_TRUE(assigned.Send(hello));
-        EXPECT_EQ(pty_.read(8, 1000ms), bytesOf("via copy"));
-        copy.Disconnect();  // closes the shared port for all three
-        EXPECT_FALSE(original.Send(hello));
-    }
-    EXPECT_EQ(qwtest::openDescriptorCount(), before);
-}
-
 std::vector<std::pair<int, int>> progressCalls;
 bool abortAfterFirstReport = false;
 bool recordProgress(int done, int total) {
@@ -151,11 +132,8 @@ TEST_F(RS232Pty, SendReportsProgressEvery1000Bytes) {
 }
 
 TEST_F(RS232Pty, ReceiveBothFormsAndTheirTimeouts) {
-    unsigned char buf[8] = {};
-    pty_.write({1, 2, 3, 4, 5});
-    EXPECT_TRUE(port_.Receive(buf, 5, 500));
-    EXPECT_EQ(Bytes(buf, buf + 5), (Bytes{1, 2, 3, 4, 5}));
     // Two of three bytes: false after about 2 x timeout, the two stay in the buffer.
+    unsigned char buf[3];
     std::memset(buf, 0xEE, sizeof buf);
     pty_.write({7, 8});
     auto start = Clock::now();

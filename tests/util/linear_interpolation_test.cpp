@@ -8,6 +8,7 @@
 #include <locale>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "quelworks/util/linear_interpolation.h"
 
@@ -38,26 +39,22 @@ protected:
 
 TEST_F(LookupTable, InterpolatesBothWaysInsideTheBounds) {
     LinearInterpolation lut;
-    ASSERT_TRUE(load(lut, "0;0\n10;100\n"));
-    EXPECT_EQ(maxX, 10);
-    EXPECT_EQ(minX, 0);
-    EXPECT_EQ(maxY, 100);
-    EXPECT_EQ(minY, 0);
-    EXPECT_EQ(lut.GetyValue(5), 50);
-    EXPECT_EQ(lut.GetXValue(25), 2.5f);
+    ASSERT_TRUE(load(lut, "2;4\n10;100\n"));
+    EXPECT_EQ((std::vector<float>{maxX, minX, maxY, minY}), (std::vector<float>{10, 2, 100, 4}));
+    EXPECT_EQ(lut.GetyValue(6), 52);
+    EXPECT_EQ(lut.GetXValue(52), 6);
     EXPECT_EQ(lut.GetyValue(10), 100);  // exact hits at the bounds
-    EXPECT_EQ(lut.GetXValue(100), 10);
-    EXPECT_EQ(lut.GetyValue(10.5f), 0);  // outside: no extrapolation
-    EXPECT_EQ(lut.GetyValue(-0.5f), 0);
+    EXPECT_EQ(lut.GetXValue(4), 2);
+    for (float outside : {1.5f, 10.5f}) EXPECT_EQ(lut.GetyValue(outside), 0);  // no extrapolation
     EXPECT_EQ(lut.GetXValue(100.5f), 0);
     EXPECT_TRUE(std::isnan(lut.GetyValue(std::nanf(""))));  // passes the bounds, matches nothing
 
     // Scales apply before the bounds.
-    ASSERT_TRUE(load(lut, "0;0\n10;100\n", 2.0f, 0.5f));
+    ASSERT_TRUE(load(lut, "2;4\n10;100\n", 2.0f, 0.5f));
     EXPECT_EQ(maxX, 20);
     EXPECT_EQ(maxY, 50);
-    EXPECT_EQ(lut.GetyValue(10), 25);
-    EXPECT_EQ(lut.GetXValue(50), 20);
+    EXPECT_EQ(lut.GetyValue(12), 26);
+    EXPECT_EQ(lut.GetXValue(26), 12);
 }
 
 // CR LF reads like LF, blank lines are skipped, a last line without a line feed is not read.

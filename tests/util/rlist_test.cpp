@@ -40,8 +40,7 @@ struct Calls {
 Calls gCalls;
 
 std::int32_t recorded(SortObject left, SortObject right) {
-    const std::uint64_t args = static_cast<std::uint64_t>(static_cast<std::uint32_t>(left.index))
-                                   << 32 |
+    const std::uint64_t args = (std::uint64_t{static_cast<std::uint32_t>(left.index)} << 32) |
                                static_cast<std::uint32_t>(right.index);
     gCalls.hash = (gCalls.hash ^ args) * 0x100000001B3ull;
     ++gCalls.count;
