@@ -1,11 +1,5 @@
 // Whole-file reading and crash-safe replacing on Windows.
-#ifndef WIN32_LEAN_AND_MEAN
-#define WIN32_LEAN_AND_MEAN
-#endif
-#ifndef NOMINMAX
-#define NOMINMAX
-#endif
-#include <windows.h>
+#include "platform/windows_include.h"
 
 #include <algorithm>
 #include <cstring>

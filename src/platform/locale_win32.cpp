@@ -1,11 +1,5 @@
 // The user's decimal separator on Windows: the user-default locale's LOCALE_SDECIMAL.
-#ifndef WIN32_LEAN_AND_MEAN
-#define WIN32_LEAN_AND_MEAN
-#endif
-#ifndef NOMINMAX
-#define NOMINMAX
-#endif
-#include <windows.h>
+#include "platform/windows_include.h"
 
 #include "platform/locale.h"
 

@@ -1,11 +1,5 @@
 // The serial port on Windows: the communications functions on "//./NAME".
-#ifndef WIN32_LEAN_AND_MEAN
-#define WIN32_LEAN_AND_MEAN
-#endif
-#ifndef NOMINMAX
-#define NOMINMAX
-#endif
-#include <windows.h>
+#include "platform/windows_include.h"
 
 #include <cstdint>
 

@@ -1,11 +1,5 @@
 // Serial port listing on Windows, from the SERIALCOMM registry key.
-#ifndef WIN32_LEAN_AND_MEAN
-#define WIN32_LEAN_AND_MEAN
-#endif
-#ifndef NOMINMAX
-#define NOMINMAX
-#endif
-#include <windows.h>
+#include "platform/windows_include.h"
 
 #include <cstdlib>
 #include <cstring>
