@@ -8,9 +8,7 @@
 #include <utility>
 
 #if defined(_WIN32)  // the real POINT, which the library's header only declares there
-#define WIN32_LEAN_AND_MEAN
-#define NOMINMAX
-#include <windows.h>
+#include "platform/windows_include.h"
 #endif
 
 #include "quelworks/geometry/vector2f.h"

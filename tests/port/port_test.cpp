@@ -23,7 +23,7 @@
 #include <vector>
 
 #ifdef _WIN32
-#include <windows.h>
+#include "platform/windows_include.h"
 #endif
 
 #include "quelworks/quelworks.h"
