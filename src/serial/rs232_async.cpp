@@ -125,6 +125,19 @@ RS232Async::RS232Async(RS232Async&& other) noexcept
     state->activeHandle = port.portHandle;
 }
 
+void RS232Async::assignLinkFrom(const RS232Async& other) {
+    {
+        std::scoped_lock guard(state->portLock, other.state->portLock);
+        port = other.port;
+        state->portOpen = port.IsConnected();
+        state->activeHandle = port.portHandle;
+    }
+    threadHandle = other.threadHandle;
+    running = other.running.load();
+    ReceiveCallback = other.ReceiveCallback;
+    DisconnectCallback = other.DisconnectCallback;
+}
+
 RS232Async& RS232Async::operator=(const RS232Async& other) {
     if (this == &other) return *this;
     {
@@ -137,16 +150,7 @@ RS232Async& RS232Async::operator=(const RS232Async& other) {
         sendQueue = other.sendQueue;
         retainQueued(sendQueue);
     }
-    {
-        std::scoped_lock guard(state->portLock, other.state->portLock);
-        port = other.port;
-        state->portOpen = port.IsConnected();
-        state->activeHandle = port.portHandle;
-    }
-    threadHandle = other.threadHandle;
-    running = other.running.load();
-    ReceiveCallback = other.ReceiveCallback;
-    DisconnectCallback = other.DisconnectCallback;
+    assignLinkFrom(other);
     return *this;
 }
 
@@ -161,16 +165,7 @@ RS232Async& RS232Async::operator=(RS232Async&& other) noexcept {
         releaseQueued(sendQueue);
         sendQueue.swap(other.sendQueue);
     }
-    {
-        std::scoped_lock guard(state->portLock, other.state->portLock);
-        port = other.port;
-        state->portOpen = port.IsConnected();
-        state->activeHandle = port.portHandle;
-    }
-    threadHandle = other.threadHandle;
-    running = other.running.load();
-    ReceiveCallback = other.ReceiveCallback;
-    DisconnectCallback = other.DisconnectCallback;
+    assignLinkFrom(other);
     return *this;
 }
 

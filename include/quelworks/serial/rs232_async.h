@@ -52,6 +52,8 @@ public:
 
 private:
     void Disconnect(int code);
+    // The assignments' common tail: share other's port, thread handle, run flag and callbacks.
+    void assignLinkFrom(const RS232Async& other);
 
     ReceiveBuffer framer;
     std::map<unsigned char*, std::int32_t> sendQueue;
