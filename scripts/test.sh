@@ -88,13 +88,24 @@ if has consumer; then
     step "consumer: install and find_package"
     prefix=$(mktemp -d)
     cmake -S . -B build/install -G Ninja -DCMAKE_BUILD_TYPE=Release -DQUELWORKS_BUILD_TESTS=OFF \
-        -DQUELWORKS_BUILD_TOOLS=OFF -DQUELWORKS_BUILD_EXAMPLES=OFF -DQUELWORKS_BUILD_FUZZ=OFF >/dev/null
+        -DQUELWORKS_BUILD_TOOLS=ON -DQUELWORKS_BUILD_EXAMPLES=OFF -DQUELWORKS_BUILD_FUZZ=OFF >/dev/null
     cmake --build build/install -j "$jobs"
     cmake --install build/install --prefix "$prefix" >/dev/null
     rm -rf build/consumer
     cmake -S tests/consumer -B build/consumer -G Ninja -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
     cmake --build build/consumer
     LD_LIBRARY_PATH="$prefix/lib:$prefix/lib64${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH}" build/consumer/consumer
+    # The installed programs find the installed library by their own run path.
+    env -u LD_LIBRARY_PATH "$prefix/bin/quelworks" --version
+    env -u LD_LIBRARY_PATH "$prefix/bin/quelworks" ports >/dev/null
+    devsim_out=$(mktemp)
+    env -u LD_LIBRARY_PATH "$prefix/bin/quelworks-devsim" >"$devsim_out" &
+    devsim_pid=$!
+    for _ in $(seq 50); do [ -s "$devsim_out" ] && break; sleep 0.1; done
+    env -u LD_LIBRARY_PATH "$prefix/bin/quelworks" info "$(head -n 1 "$devsim_out")"
+    kill "$devsim_pid"
+    wait "$devsim_pid" || true
+    rm -f "$devsim_out"
     rm -rf "$prefix"
 fi
 

@@ -209,4 +209,155 @@ TEST(Cli, UsageAndHelp) {
     EXPECT_EQ(quelworks("ports").code, 0);
 }
 
+// Device text reaches JSON as UTF-8: valid sequences unchanged, each stray byte as U+FFFD.
+TEST(Cli, InfoJsonKeepsUtf8AndReplacesInvalidBytes) {
+    // "Ger\xC3\xA4t \xC3\xA9" is valid UTF-8; \xFF, a lone \xC3 and an overlong \xC0\xAF are not.
+    Devsim device("--description \"$(printf 'Ger\\303\\244t \\303\\251 \\377 \\303 \\300\\257')\"");
+    Result r = quelworks("info " + device.port() + " --json");
+    ASSERT_EQ(r.code, 0) << r.err;
+    std::string json = tempPath("info.json");
+    std::ofstream(json, std::ios::binary) << r.out;
+    std::string check =
+        "python3 -c 'import json,sys; d=json.load(open(sys.argv[1],encoding=\"utf-8\"));"
+        " sys.exit(d[\"description\"] != \"Ger\\u00e4t \\u00e9 \\ufffd \\ufffd "
+        "\\ufffd\\ufffd\")' " +
+        json;
+    EXPECT_EQ(std::system(check.c_str()), 0) << r.out;
+    std::remove(json.c_str());
+}
+
+// A device that answers after the time-out is reported as slow, with the option that helps.
+TEST(Cli, LateRepliesSuggestALongerTimeout) {
+    for (const char* command : {"info PORT", "flash PORT IMAGE"}) {
+        SCOPED_TRACE(command);
+        std::string image = writeImage("late.bin", 600);
+        Devsim device("--reply-delay 700 --block-size 256");
+        Result r = quelworks(replaced(replaced(command, "PORT", device.port()), "IMAGE", image) +
+                             " --timeout 300");
+        EXPECT_EQ(r.code, 5) << r.err;
+        EXPECT_NE(r.err.find("answers, but later than the --timeout of 300 ms"), std::string::npos)
+            << r.err;
+        EXPECT_NE(r.err.find("try a longer --timeout, e.g. --timeout 1200"), std::string::npos);
+        std::remove(image.c_str());
+    }
+}
+
+// Ctrl-C stops a flash between two blocks: every block sent was received whole, and the message
+// says how far it got.
+TEST(Cli, InterruptedFlashStopsBetweenBlocks) {
+    std::string image = writeImage("interrupt.bin", 4000), out = tempPath("int_out"),
+                err = tempPath("int_err"), trace = tempPath("int_trace");
+    Devsim device("--block-size 128 --line-rate 9600 --trace " + trace);
+    // A background job of a non-interactive shell ignores SIGINT; the subshell's trap restores
+    // the default disposition before the program starts.
+    std::string command = "( trap - INT; " QW_CLI_PATH " flash " + device.port() + " " + image +
+                          " >" + out + " 2>" + err +
+                          " & pid=$!; sleep 1; kill -INT $pid; wait $pid )";
+    int code = exitCode(std::system(command.c_str()));
+    std::string message = readFile(err);
+    EXPECT_EQ(code, 130) << message;
+    std::size_t at = message.find("interrupted after ");
+    ASSERT_NE(at, std::string::npos) << message;
+    int blocks = std::atoi(message.c_str() + at + 18);
+    EXPECT_GT(blocks, 0);
+    EXPECT_NE(message.find(" blocks of 32 (" + std::to_string(blocks * 128) +
+                           " of 4000 bytes): the device holds a partial image; flash again "
+                           "before using it"),
+              std::string::npos)
+        << message;
+    // The device saw exactly those blocks, each whole, and nothing of the next.
+    ::usleep(1200 * 1000);  // past the device's one-second pause that ends a waiting block
+    Result r = quelworks("info " + device.port());
+    EXPECT_EQ(r.code, 0) << r.err;
+    EXPECT_EQ(device.stop(SIGTERM), 0);
+    std::string log = readFile(trace);
+    EXPECT_NE(log.find("block " + std::to_string(blocks) + "/32: 128 bytes, checksum"),
+              std::string::npos)
+        << log;
+    EXPECT_EQ(log.find("block " + std::to_string(blocks + 1) + "/32"), std::string::npos) << log;
+    EXPECT_EQ(log.find("WRONG"), std::string::npos) << log;
+    for (const std::string& path : {image, out, err, trace}) std::remove(path.c_str());
+}
+
+TEST(Cli, ThroughputNamesTheLineShareOnlyWhenTheLineLimitsIt) {
+    std::string image = writeImage("share.bin", 1000);
+    {
+        Devsim device("");
+        Result r = quelworks("flash " + device.port() + " " + image);
+        EXPECT_EQ(r.code, 0) << r.err;
+        EXPECT_EQ(r.out.find("baud line"), std::string::npos) << r.out;
+    }
+    {
+        Devsim device("--line-rate device");
+        Result r = quelworks("flash " + device.port() + " " + image);
+        EXPECT_EQ(r.code, 0) << r.err;
+        EXPECT_NE(r.out.find("% of the 9600 baud line"), std::string::npos) << r.out;
+    }
+    std::remove(image.c_str());
+}
+
+TEST(Cli, PortNamesThatAreNoSerialPort) {
+    std::string file = tempPath("regular");
+    std::ofstream(file) << "x";
+    const struct {
+        std::string command, message;
+    } cases[] = {
+        {"info ''", "quelworks: no port given: the port name is empty (see 'quelworks ports')\n"},
+        {"info /dev/null", "quelworks: '/dev/null' is not a serial port\n"},
+        {"info " + file, "quelworks: '" + file + "' is not a serial port\n"},
+        {"info qw-no-such-port",
+         "quelworks: no such port 'qw-no-such-port': No such file or directory (a name without a "
+         "directory means /dev/qw-no-such-port; write ./qw-no-such-port for a file here) (see "
+         "'quelworks ports' for the ports this system knows)\n"},
+    };
+    for (const auto& c : cases) {
+        Result r = quelworks(c.command);
+        EXPECT_EQ(r.code, 3) << c.command;
+        EXPECT_EQ(r.err, c.message);
+    }
+    std::remove(file.c_str());
+}
+
+TEST(Cli, CommandLineMistakesAreNamed) {
+    Result r = quelworks("bogus");
+    EXPECT_EQ(r.code, 2);
+    EXPECT_EQ(r.err,
+              "quelworks: unknown subcommand 'bogus' (see 'quelworks --help' for the "
+              "subcommands)\n");
+    r = quelworks("--version");
+    EXPECT_EQ(r.code, 0);
+    EXPECT_EQ(r.out, "quelworks " QW_PROJECT_VERSION "\n");
+    // The firmware header carries 16 bits: wider values are refused, not cut.
+    for (const char* value : {"0x12345", "-1", "65536"}) {
+        r = quelworks(std::string("flash /dev/null /dev/null --value ") + value);
+        EXPECT_EQ(r.code, 2) << value;
+    }
+}
+
+TEST(Devsim, RefusesBadOptionsAtStartUp) {
+    const struct {
+        const char* options;
+        const char* message;  // part of standard error
+    } cases[] = {
+        {"--bogus", "--bogus"},
+        {"--serial 123456789", "--serial takes at most 8 characters"},
+        {"--image-out /nonexistent-dir/image.bin", "cannot write the image"},
+        {"--line-rate -5", "--line-rate wants a number of baud"},
+        {"--wrong-echo 0x999", "--wrong-echo"},
+        {"--max-baud 0", "--max-baud"},
+        {"--reply-delay -1", "--reply-delay"},
+    };
+    std::string err = tempPath("devsim_err");
+    for (const auto& c : cases) {
+        int code = exitCode(std::system(("timeout -s KILL 10 " QW_DEVSIM_PATH " " +
+                                         std::string(c.options) + " </dev/null >/dev/null 2>" + err)
+                                            .c_str()));
+        std::string text = readFile(err);
+        EXPECT_EQ(code, 2) << c.options << ": " << text;
+        EXPECT_NE(text.find(c.message), std::string::npos) << c.options << ": " << text;
+    }
+    std::remove(err.c_str());
+    EXPECT_EQ(exitCode(std::system(QW_DEVSIM_PATH " --version >/dev/null")), 0);
+}
+
 }  // namespace

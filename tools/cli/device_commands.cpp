@@ -1,7 +1,9 @@
 #include "device_commands.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <climits>
@@ -14,6 +16,7 @@
 #include <vector>
 
 #include "command_error.h"
+#include "interrupt.h"
 #include "progress.h"
 #include "quelworks/bootloader/bootloader.h"
 #include "quelworks/serial/rs232.h"
@@ -86,12 +89,30 @@ std::string cannotOpen(const std::string& port) {
 
 // Fails with a clear message unless the port exists and can be opened.
 void checkPort(const std::string& port) {
+    if (port.empty()) {
+        throw CommandError(kExitPortUnavailable,
+                           "no port given: the port name is empty (see 'quelworks ports')");
+    }
 #ifndef _WIN32
     struct stat info;
-    if (::stat(portPath(port).c_str(), &info) != 0) {
+    std::string path = portPath(port);
+    if (::stat(path.c_str(), &info) != 0) {
+        std::string where = path == port ? ""
+                                         : " (a name without a directory means " + path +
+                                               "; write ./" + port + " for a file here)";
         throw CommandError(kExitPortUnavailable,
-                           "no such port '" + port + "': " + std::strerror(errno) +
+                           "no such port '" + port + "': " + std::strerror(errno) + where +
                                " (see 'quelworks ports' for the ports this system knows)");
+    }
+    bool terminal = false;
+    if (S_ISCHR(info.st_mode)) {
+        int fd = ::open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK);
+        terminal = fd >= 0 && ::isatty(fd);
+        if (fd < 0) terminal = true;  // cannot tell: let the open below report it
+        if (fd >= 0) ::close(fd);
+    }
+    if (!terminal) {
+        throw CommandError(kExitPortUnavailable, "'" + port + "' is not a serial port");
     }
 #endif
     RS232 link;
@@ -101,6 +122,38 @@ void checkPort(const std::string& port) {
         throw CommandError(kExitPortUnavailable, cannotOpen(port));
     }
     link.Disconnect();
+}
+
+// Listens on the port for up to `waitMs`; true if any byte arrives. Used after a failure to tell
+// a device that answers too late from one that does not answer at all.
+bool byteArrivesWithin(const std::string& port, std::uint32_t baudrate, int waitMs,
+                       unsigned char* first = nullptr) {
+    RS232 link;
+    MutableText name(port);
+    link.PortName(name.get());
+    link.Baudrate = baudrate;
+    if (!link.Connect()) return false;
+    unsigned char* reply = nullptr;
+    int length = 0;
+    bool arrived = link.Receive(&reply, &length, waitMs);
+    if (arrived && first != nullptr && length > 0) *first = reply[0];
+    std::free(reply);
+    link.Disconnect();
+    return arrived;
+}
+
+// How long to listen for a late reply after a time-out of `timeout` ms.
+int lateWindowMs(int timeout) {
+    return std::min(std::max(3000, 4 * timeout), 60000);
+}
+
+[[noreturn]] void throwLate(const std::string& port, int timeout) {
+    throw CommandError(kExitBadReply, "the device on " + port +
+                                          " answers, but later than the --timeout of " +
+                                          std::to_string(timeout) +
+                                          " ms (a reply arrived after its time-out); "
+                                          "try a longer --timeout, e.g. --timeout " +
+                                          std::to_string(std::min(4 * timeout, 600000)));
 }
 
 struct Query {
@@ -138,7 +191,11 @@ struct Query {
         reply = nullptr;
         length = 0;
         if (!link.Receive(&reply, &length, timeout)) {
+            // A reply that comes after the time-out: the device is slow, not silent.
+            bool late = link.Receive(&reply, &length, lateWindowMs(timeout));
+            if (late) std::free(reply);
             link.Disconnect();
+            if (late) throwLate(port, timeout);
             if (i == 0) {
                 throw CommandError(kExitNoAnswer, "no answer from the device on " + port +
                                                       " (is it powered and on this port?)");
@@ -150,6 +207,10 @@ struct Query {
         std::unique_ptr<unsigned char, decltype(&std::free)> owned(reply, &std::free);
         if (reply[0] != q.request) {
             link.Disconnect();
+            // The echo of an earlier request: its reply came after that request's time-out.
+            for (const Query& earlier : queries) {
+                if (reply[0] == earlier.request) throwLate(port, timeout);
+            }
             throw CommandError(kExitBadReply,
                                "the device on " + port + " answered the " + q.name + " request (" +
                                    hexByte(q.request) + ") with " + hexByte(reply[0]) +
@@ -221,9 +282,53 @@ std::unique_ptr<Bootloader> connectDevice(const DeviceOptions& options) {
     return boot;
 }
 
+// Length of the well-formed UTF-8 sequence at text[at], or 0 if the bytes there are not one
+// (overlong forms, surrogates and code points above U+10FFFF count as malformed).
+std::size_t utf8SequenceLength(const std::string& text, std::size_t at) {
+    auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
+    unsigned char lead = byte(at);
+    std::size_t length = 0;
+    unsigned char low = 0x80, high = 0xBF;  // the allowed range of the second byte
+    if (lead < 0x80) return 1;
+    if (lead >= 0xC2 && lead <= 0xDF) {
+        length = 2;
+    } else if (lead >= 0xE0 && lead <= 0xEF) {
+        length = 3;
+        if (lead == 0xE0) low = 0xA0;
+        if (lead == 0xED) high = 0x9F;
+    } else if (lead >= 0xF0 && lead <= 0xF4) {
+        length = 4;
+        if (lead == 0xF0) low = 0x90;
+        if (lead == 0xF4) high = 0x8F;
+    } else {
+        return 0;
+    }
+    if (at + length > text.size()) return 0;
+    if (byte(at + 1) < low || byte(at + 1) > high) return 0;
+    for (std::size_t i = 2; i < length; ++i) {
+        if (byte(at + i) < 0x80 || byte(at + i) > 0xBF) return 0;
+    }
+    return length;
+}
+
+// A JSON string: valid UTF-8 is kept as it is, each byte that is not part of a well-formed
+// sequence becomes U+FFFD, and only what JSON requires is escaped.
 std::string jsonString(const std::string& text) {
     std::string out = "\"";
-    for (unsigned char c : text) {
+    for (std::size_t at = 0; at < text.size();) {
+        unsigned char c = static_cast<unsigned char>(text[at]);
+        std::size_t length = utf8SequenceLength(text, at);
+        if (length == 0) {
+            out += "\xEF\xBF\xBD";
+            ++at;
+            continue;
+        }
+        if (length > 1) {
+            out.append(text, at, length);
+            at += length;
+            continue;
+        }
+        ++at;
         switch (c) {
             case '"':
                 out += "\\\"";
@@ -241,9 +346,7 @@ std::string jsonString(const std::string& text) {
                 out += "\\t";
                 break;
             default:
-                if (c < 0x20 || c >= 0x7F) {
-                    // Device text is 8-bit and not necessarily UTF-8: escape every byte
-                    // outside printable ASCII so the output stays valid JSON.
+                if (c < 0x20 || c == 0x7F) {
                     char escaped[8];
                     std::snprintf(escaped, sizeof escaped, "\\u%04x", c);
                     out += escaped;
@@ -331,7 +434,19 @@ struct FlashProgress {
 };
 FlashProgress g_progress;
 
+// Ctrl-C during a flash: the block in flight is finished, then the flash stops before the next
+// one (the callback runs between blocks). A second Ctrl-C ends the program at once.
+const InterruptWatch* g_interrupt = nullptr;
+
+// Thrown from the progress callback, which runs between blocks, to stop the flash there.
+struct FlashInterrupted {
+    int done;
+};
+
 void onProgress(int done, int total) {
+    if (g_interrupt != nullptr && g_interrupt->requested() && done < total) {
+        throw FlashInterrupted{done};
+    }
     if (g_progress.calls == 0) g_progress.start = SteadyClock::now();
     ++g_progress.calls;
     g_progress.lastDone = done;
@@ -432,12 +547,35 @@ void runFlash(const FlashOptions& options) {
 
     MutableText image(options.image);
     SteadyClock::time_point start = SteadyClock::now();
-    bool ok = boot->UpdateFirmware(options.value, image.get());
+    bool ok = false;
+    try {
+        InterruptWatch interrupt;
+        g_interrupt = &interrupt;
+        ok = boot->UpdateFirmware(options.value, image.get());
+        g_interrupt = nullptr;
+    } catch (const FlashInterrupted& stop) {
+        g_interrupt = nullptr;
+        reporter.finish();
+        g_progress.reporter = nullptr;
+        boot.reset();  // closes the port
+        std::string of = blocks > 0 ? " of " + std::to_string(blocks) : "";
+        throw CommandError(kExitInterrupted,
+                           "interrupted after " + std::to_string(g_progress.calls) + " block" +
+                               (g_progress.calls == 1 ? "" : "s") + of + " (" +
+                               std::to_string(stop.done) + " of " + std::to_string(imageSize) +
+                               " bytes): the device holds a partial image; flash again before "
+                               "using it");
+    }
     double seconds = std::chrono::duration<double>(SteadyClock::now() - start).count();
     reporter.finish();
     g_progress.reporter = nullptr;
 
     if (!ok) {
+        boot.reset();  // closes the port
+        unsigned char first = 0;
+        if (byteArrivesWithin(options.port, baudrate, lateWindowMs(options.timeout), &first)) {
+            throwLate(options.port, options.timeout);
+        }
         if (g_progress.calls == 0) {
             throw CommandError(kExitHeaderRefused,
                                "the device refused the firmware header for a " +
@@ -452,10 +590,18 @@ void runFlash(const FlashOptions& options) {
                                " (the device holds a partial image: flash again)");
     }
     double rate = seconds > 0 ? static_cast<double>(imageSize) / seconds : 0;
-    // Ten bits cross the line for every byte (start bit, eight data bits, stop bit).
+    // Ten bits cross the line for every byte (start bit, eight data bits, stop bit). A link
+    // faster than its nominal baud rate (a pty, a USB adapter that ignores it) makes the share
+    // meaningless: it is shown only when the line could have carried the data.
     double lineShare = 100.0 * rate * 10.0 / baudrate;
-    std::printf("flashed %lld bytes to %s in %.1f s: %s, %.1f%% of the %u baud line\n", imageSize,
-                options.port.c_str(), seconds, formatRate(rate).c_str(), lineShare, baudrate);
+    std::string share;
+    if (lineShare <= 100.0) {
+        char text[64];
+        std::snprintf(text, sizeof text, ", %.1f%% of the %u baud line", lineShare, baudrate);
+        share = text;
+    }
+    std::printf("flashed %lld bytes to %s in %.1f s: %s%s\n", imageSize, options.port.c_str(),
+                seconds, formatRate(rate).c_str(), share.c_str());
 }
 
 void addDeviceOptions(CLI::App* cmd, DeviceOptions& options) {
@@ -487,7 +633,9 @@ void addDeviceCommands(CLI::App& app) {
                        "switch to the device's maximum baud rate first");
     flashCmd
         ->add_option("--value", flash->value,
-                     "16-bit value passed to the device in the firmware header (e.g. 0x1234)")
+                     "16-bit value passed to the device in the firmware header (0 to 0xFFFF, "
+                     "e.g. 0x1234)")
+        ->check(CLI::Range(0, 0xFFFF))
         ->capture_default_str();
     flashCmd
         ->add_option("--progress", flash->progress,

@@ -11,6 +11,7 @@
 #include <string>
 
 #include "pty_server.h"
+#include "quelworks_tool_version.h"
 
 namespace {
 
@@ -33,6 +34,7 @@ int main(int argc, char** argv) {
         "Prints the port path on the first line, then runs until SIGINT or SIGTERM.\n"
         "Numbers may be given in hex (0x...)."};
     app.option_defaults()->always_capture_default();
+    app.set_version_flag("--version", "quelworks-devsim " QUELWORKS_TOOL_VERSION);
 
     auto identity = "Identity";
     app.add_option("--type", config.deviceType, "device type")->group(identity);
@@ -48,7 +50,9 @@ int main(int argc, char** argv) {
     app.add_option("--serial", config.serialNumber, "serial number (8 characters)")
         ->group(identity);
     app.add_option("--description", config.description, "free-text description")->group(identity);
-    app.add_option("--max-baud", config.maxBaudrate, "highest baud rate")->group(identity);
+    app.add_option("--max-baud", config.maxBaudrate, "highest baud rate")
+        ->check(CLI::Range(1u, 4000000u))
+        ->group(identity);
     app.add_option("--block-size", config.blockSize, "firmware block size in bytes")
         ->check(CLI::Range(1u, 65536u))
         ->group(identity);
@@ -60,13 +64,14 @@ int main(int argc, char** argv) {
     auto faults = "Faults";
     app.add_option("--wrong-echo", config.wrongEchoFor,
                    "spoil the echo of the replies to this request byte (e.g. 0x17)")
+        ->check(CLI::Range(0, 255))
         ->group(faults);
     app.add_option("--wrong-echo-times", config.wrongEchoTimes,
                    "spoil only this many of them (default: all)")
         ->group(faults);
     app.add_flag("--silent", config.silent, "never answer")->group(faults);
     app.add_option("--reply-delay", replyDelayMs, "delay every reply by this many ms")
-        ->check(CLI::NonNegativeNumber)
+        ->check(CLI::Range(0, 600000))
         ->group(faults);
     app.add_option("--reject-block", config.rejectBlock, "refuse this block (1 = the first)")
         ->group(faults);
@@ -89,18 +94,44 @@ int main(int argc, char** argv) {
                    "log every request the device sees to this file ('-': standard error)");
     app.add_option("--link", linkPath, "also make this path a symbolic link to the port");
 
-    CLI11_PARSE(app, argc, argv);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::Success& e) {
+        return app.exit(e);
+    } catch (const CLI::ParseError& e) {
+        app.exit(e);
+        return 2;  // every usage error, the parser's and our own
+    }
+    if (config.serialNumber.size() > 8) {
+        std::cerr << "quelworks-devsim: --serial takes at most 8 characters, not "
+                  << config.serialNumber.size() << " ('" << config.serialNumber << "')\n";
+        return 2;
+    }
+    if (!imageOut.empty()) {
+        // Fail now, not after the first complete image: check that the file can be written.
+        bool existed = static_cast<bool>(std::ifstream(imageOut));
+        bool writable = static_cast<bool>(std::ofstream(imageOut, std::ios::app));
+        if (!existed && writable) std::remove(imageOut.c_str());
+        if (!writable) {
+            std::cerr << "quelworks-devsim: cannot write the image to '" << imageOut << "'\n";
+            return 2;
+        }
+    }
 
     if (lineRate == "device") {
         config.lineFollowsBaud = true;
     } else {
         try {
             std::size_t used = 0;
+            if (lineRate.empty() || lineRate[0] == '-' || lineRate[0] == '+') {
+                throw std::invalid_argument(lineRate);
+            }
             unsigned long rate = std::stoul(lineRate, &used, 0);
-            if (used != lineRate.size()) throw std::invalid_argument(lineRate);
+            if (used != lineRate.size() || rate > 4000000) throw std::invalid_argument(lineRate);
             config.lineRate = static_cast<std::uint32_t>(rate);
         } catch (const std::exception&) {
-            std::cerr << "quelworks-devsim: --line-rate wants a number of baud or 'device', not '"
+            std::cerr << "quelworks-devsim: --line-rate wants a number of baud (0 to 4000000) or "
+                         "'device', not '"
                       << lineRate << "'\n";
             return 2;
         }
