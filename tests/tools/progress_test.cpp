@@ -29,6 +29,15 @@ TEST(Progress, BarLinesAndUnits) {
     EXPECT_EQ(formatBytes(1.5 * 1024 * 1024), "1.50 MiB");
     EXPECT_EQ(formatDuration(3723), "1:02:03");
 
+    // On a narrow terminal the bar shrinks, then gives way; the line never reaches the last column.
+    for (int columns : {20, 40, 60, 70, 200}) {
+        SCOPED_TRACE(columns);
+        std::string bar = fittedProgressBar(131072, 262144, 10.0, columns);
+        EXPECT_LT(static_cast<int>(bar.size()), columns);
+        EXPECT_EQ(bar.find('#') != std::string::npos, columns >= 60) << bar;
+    }
+    EXPECT_EQ(fittedProgressBar(131072, 262144, 10.0, 200), progressBar(131072, 262144, 10.0, 30));
+
     // Lines come at every tenth of the way; the bar is redrawn at most ten times a second.
     std::FILE* f = std::tmpfile();
     ASSERT_NE(f, nullptr);

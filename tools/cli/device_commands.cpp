@@ -540,7 +540,7 @@ void runFlash(const FlashOptions& options) {
                (options.progress == "auto" && QW_ISATTY(QW_FILENO(stderr)))) {
         style = ProgressReporter::Style::Bar;
     }
-    ProgressReporter reporter(style, stderr);
+    ProgressReporter reporter(style, stderr, terminalColumns(stderr));
     g_progress = FlashProgress{};
     g_progress.reporter = &reporter;
     boot->ProgressCallback = onProgress;

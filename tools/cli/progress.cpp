@@ -1,6 +1,16 @@
 #include "progress.h"
 
 #include <cmath>
+#include <cstdlib>
+
+#ifdef _WIN32
+#include <io.h>
+
+#include "platform/windows_include.h"
+#else
+#include <sys/ioctl.h>
+#include <unistd.h>
+#endif
 
 namespace quelworks::cli {
 
@@ -67,6 +77,34 @@ std::string progressBar(long long done, long long total, double elapsedSeconds, 
            formatRate(rateOf(done, elapsedSeconds)) + "  " + timeLeft(done, total, elapsedSeconds);
 }
 
+std::string fittedProgressBar(long long done, long long total, double elapsedSeconds, int columns) {
+    constexpr int kWidest = 30, kNarrowest = 5;
+    const int room = columns - 1;
+    std::string text = progressBar(done, total, elapsedSeconds, kWidest);
+    int excess = static_cast<int>(text.size()) - room;
+    if (excess <= 0) return text;
+    if (kWidest - excess >= kNarrowest)
+        return progressBar(done, total, elapsedSeconds, kWidest - excess);
+    // Too narrow for a bar: the figures alone, cut at the edge.
+    text = progressBar(done, total, elapsedSeconds, 0).substr(3);
+    return room > 0 && static_cast<int>(text.size()) > room ? text.substr(0, room) : text;
+}
+
+int terminalColumns(std::FILE* out) {
+#ifdef _WIN32
+    CONSOLE_SCREEN_BUFFER_INFO info;
+    HANDLE handle = reinterpret_cast<HANDLE>(_get_osfhandle(_fileno(out)));
+    if (GetConsoleScreenBufferInfo(handle, &info))
+        return info.srWindow.Right - info.srWindow.Left + 1;
+#else
+    winsize size{};
+    if (::ioctl(fileno(out), TIOCGWINSZ, &size) == 0 && size.ws_col > 0) return size.ws_col;
+#endif
+    const char* columns = std::getenv("COLUMNS");
+    int fromEnvironment = columns != nullptr ? std::atoi(columns) : 0;
+    return fromEnvironment > 0 ? fromEnvironment : 80;
+}
+
 std::string progressLine(long long done, long long total, double elapsedSeconds) {
     char head[80];
     std::snprintf(head, sizeof head, "progress: %3d%%  %lld / %lld bytes  ", percentOf(done, total),
@@ -83,7 +121,8 @@ void ProgressReporter::update(long long done, long long total, double elapsedSec
             if (done < total && lastDrawn_ >= 0 && elapsedSeconds - lastDrawn_ < 0.1) return;
             lastDrawn_ = elapsedSeconds;
             // Clear to the end of the line: the new text may be shorter than the old one.
-            std::fprintf(out_, "\r%s\x1b[K", progressBar(done, total, elapsedSeconds, 30).c_str());
+            std::fprintf(out_, "\r%s\x1b[K",
+                         fittedProgressBar(done, total, elapsedSeconds, columns_).c_str());
             drawn_ = true;
             break;
         case Style::Lines: {

@@ -18,12 +18,18 @@ std::string formatRate(double bytesPerSecond);
 std::string progressBar(long long done, long long total, double elapsedSeconds, int barWidth);
 // "progress:  50%  131072 / 262144 bytes  11.2 KiB/s  0:11 left"
 std::string progressLine(long long done, long long total, double elapsedSeconds);
+// The bar narrowed (or left out, and the text cut) to fit a terminal `columns` wide, leaving the
+// last column free so that the cursor never wraps.
+std::string fittedProgressBar(long long done, long long total, double elapsedSeconds, int columns);
+// The width of the terminal `out` writes to; 80 when it cannot be told.
+int terminalColumns(std::FILE* out);
 
 class ProgressReporter {
 public:
     enum class Style { Bar, Lines, None };
 
-    ProgressReporter(Style style, std::FILE* out) : style_(style), out_(out) {}
+    ProgressReporter(Style style, std::FILE* out, int columns = 80)
+        : style_(style), out_(out), columns_(columns) {}
 
     // Reports `done` of `total` bytes, `elapsedSeconds` after the transfer began. The bar is
     // redrawn at most ten times a second; lines come at every tenth of the way.
@@ -34,6 +40,7 @@ public:
 private:
     Style style_;
     std::FILE* out_;
+    int columns_;
     double lastDrawn_ = -1.0;
     int lastTenth_ = -1;
     bool drawn_ = false;
