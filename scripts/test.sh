@@ -28,18 +28,22 @@ fi
 start_all=$SECONDS
 total_passed=0
 total_failed=0
+total_skipped=0
 ctest_log=$(mktemp)
 # Runs ctest, keeping its output for the closing count.
 run_ctest() {
     local rc=0
     ctest "$@" 2>&1 | tee "$ctest_log" || rc=$?
-    local line passed total
+    local line passed total failed skipped
     line=$(grep -E 'tests passed, [0-9]+ tests? failed out of [0-9]+' "$ctest_log" | tail -n 1 || true)
     if [ -n "$line" ]; then
         total=$(sed -E 's/.* out of ([0-9]+).*/\1/' <<<"$line")
         failed=$(sed -E 's/.*tests passed, ([0-9]+) tests? failed.*/\1/' <<<"$line")
-        passed=$((total - failed))
+        # ctest counts a skipped test among the passed ones and lists it as "(Skipped)".
+        skipped=$(grep -cE '^ *[0-9]+ - .* \(Skipped\)$' "$ctest_log" || true)
+        passed=$((total - failed - skipped))
         total_passed=$((total_passed + passed))
+        total_skipped=$((total_skipped + skipped))
         total_failed=$((total_failed + failed))
     fi
     return $rc
@@ -127,4 +131,4 @@ fi
 
 rm -f "$ctest_log"
 step "all stages passed in $((SECONDS - start_all)) s: $stages"
-echo "tests: ${total_passed} passed, ${total_failed} failed"
+echo "tests: ${total_passed} passed, ${total_failed} failed, ${total_skipped} skipped"

@@ -7,6 +7,8 @@
 #ifndef QUELWORKS_BOOTLOADER_BOOTLOADER_H
 #define QUELWORKS_BOOTLOADER_BOOTLOADER_H
 
+#include <type_traits>
+
 #include "quelworks/export.h"
 #include "quelworks/serial/rs232.h"
 
@@ -28,6 +30,18 @@ public:
     Bootloader(char* portName, int timeout);
     Bootloader(char* portName, bool acquireDeviceInfo);
     Bootloader(char* portName);
+    // The same for a name given as const text (a string literal, std::string::c_str()); the name
+    // is only read. Templates, so that a null pointer still picks the overloads above.
+    template <typename Text, std::enable_if_t<std::is_same<Text, const char*>::value, int> = 0>
+    Bootloader(Text portName, int timeoutMs, bool acquireDeviceInfo)
+        : Bootloader(const_cast<char*>(portName), timeoutMs, acquireDeviceInfo) {}
+    template <typename Text, std::enable_if_t<std::is_same<Text, const char*>::value, int> = 0>
+    Bootloader(Text portName, int timeoutMs) : Bootloader(const_cast<char*>(portName), timeoutMs) {}
+    template <typename Text, std::enable_if_t<std::is_same<Text, const char*>::value, int> = 0>
+    Bootloader(Text portName, bool acquireDeviceInfo)
+        : Bootloader(const_cast<char*>(portName), acquireDeviceInfo) {}
+    template <typename Text, std::enable_if_t<std::is_same<Text, const char*>::value, int> = 0>
+    Bootloader(Text portName) : Bootloader(const_cast<char*>(portName)) {}
     // Copies every field; the copy gets its own copies of the serial number and description.
     Bootloader(const Bootloader& other);
     Bootloader& operator=(const Bootloader& other);
@@ -60,6 +74,10 @@ public:
     // unchanged (low 16 bits). True when every block was accepted. Needs the device in
     // programming mode and a known block size.
     bool UpdateFirmware(int value, char* fileName);
+    template <typename Text, std::enable_if_t<std::is_same<Text, const char*>::value, int> = 0>
+    bool UpdateFirmware(int value, Text fileName) {
+        return UpdateFirmware(value, const_cast<char*>(fileName));
+    }
 
 private:
     void InitializeClass(char* portName, int timeout, bool acquireDeviceInfo);

@@ -13,7 +13,7 @@ public:
     Vector2f end;
 
     LineSegment() {}
-    LineSegment(Vector2f start, Vector2f end) : start(start), end(end) {}
+    LineSegment(Vector2f from, Vector2f to) : start(from), end(to) {}
     LineSegment(const LineSegment& other) = default;
     LineSegment(LineSegment&& other) = default;
     LineSegment& operator=(const LineSegment& other) = default;
@@ -36,7 +36,7 @@ public:
     int height;
 
     rectangle() : x(0), y(0), width(0), height(0) {}
-    rectangle(int x, int y, int width, int height) : x(x), y(y), width(width), height(height) {}
+    rectangle(int left, int top, int w, int h) : x(left), y(top), width(w), height(h) {}
     rectangle(const rectangle& other) = default;
     rectangle& operator=(const rectangle& other) = default;
     ~rectangle() {}
@@ -51,8 +51,7 @@ public:
     float height;
 
     rectanglef() : x(0.0f), y(0.0f), width(0.0f), height(0.0f) {}
-    rectanglef(float x, float y, float width, float height)
-        : x(x), y(y), width(width), height(height) {}
+    rectanglef(float left, float top, float w, float h) : x(left), y(top), width(w), height(h) {}
     rectanglef(const rectanglef& other) = default;
     rectanglef& operator=(const rectanglef& other) = default;
     ~rectanglef() {}
@@ -65,7 +64,7 @@ public:
     Vector2f device;
 
     CalibrationPoint() {}
-    CalibrationPoint(Vector2f camera, Vector2f device) : camera(camera), device(device) {}
+    CalibrationPoint(Vector2f inCamera, Vector2f onDevice) : camera(inCamera), device(onDevice) {}
     CalibrationPoint(const CalibrationPoint& other) = default;
     CalibrationPoint& operator=(const CalibrationPoint& other) = default;
     ~CalibrationPoint() {}

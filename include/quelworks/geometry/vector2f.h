@@ -37,7 +37,7 @@ public:
     float y;
 
     pointf() : x(0.0f), y(0.0f) {}
-    pointf(float x, float y) : x(x), y(y) {}
+    pointf(float px, float py) : x(px), y(py) {}
 
     // Exact float comparison of x, then y (NaN never compares equal).
     bool operator==(pointf p) const;
@@ -61,7 +61,7 @@ public:
     float y;
 
     Vector2f() : x(0.0f), y(0.0f) {}
-    Vector2f(float x, float y) : x(x), y(y) {}
+    Vector2f(float vx, float vy) : x(vx), y(vy) {}
     Vector2f(const Vector2f& v) : x(v.x), y(v.y) {}
     Vector2f(pointf p) : x(p.x), y(p.y) {}
     // Each coordinate converted to the nearest float.

@@ -4,6 +4,7 @@
 #define QUELWORKS_SERIAL_RS232_H
 
 #include <cstdint>
+#include <type_traits>
 
 #include "quelworks/export.h"
 #include "quelworks/serial/communicator.h"
@@ -38,6 +39,11 @@ public:
     char* PortName();
     // Stores a copy of `name`; an empty name leaves the link without one. `name` must not be null.
     void PortName(char* name);
+    // The same for const text (only read); a template, so that null still picks the one above.
+    template <typename Text, std::enable_if_t<std::is_same<Text, const char*>::value, int> = 0>
+    void PortName(Text name) {
+        PortName(const_cast<char*>(name));
+    }
     // Connects to the stored port name through the virtual Connect(char*).
     bool Connect();
     // Reads until the received text ends with LineTerminator; *data is malloc'ed, zero-terminated,

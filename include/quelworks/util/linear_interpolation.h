@@ -12,6 +12,7 @@
 #ifndef QUELWORKS_UTIL_LINEAR_INTERPOLATION_H
 #define QUELWORKS_UTIL_LINEAR_INTERPOLATION_H
 
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -35,6 +36,18 @@ public:
     bool InitLUT(char* fileName, float xScale, float yScale, float* maxXOut, float* minXOut,
                  float* maxYOut, float* minYOut);
     bool InitLUT(char* fileName, float xScale, float yScale);
+    // The same for a file name given as const text (only read); templates, so that a null
+    // pointer still picks the overloads above.
+    template <typename Text, std::enable_if_t<std::is_same<Text, const char*>::value, int> = 0>
+    bool InitLUT(Text fileName, float xScale, float yScale, float* maxXOut, float* minXOut,
+                 float* maxYOut, float* minYOut) {
+        return InitLUT(const_cast<char*>(fileName), xScale, yScale, maxXOut, minXOut, maxYOut,
+                       minYOut);
+    }
+    template <typename Text, std::enable_if_t<std::is_same<Text, const char*>::value, int> = 0>
+    bool InitLUT(Text fileName, float xScale, float yScale) {
+        return InitLUT(const_cast<char*>(fileName), xScale, yScale);
+    }
 
     // y for x; `ascending` tells in which order the x column runs (default: ascending).
     float GetyValue(float x, bool ascending);
