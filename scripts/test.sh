@@ -40,7 +40,7 @@ run_ctest() {
         total=$(sed -E 's/.* out of ([0-9]+).*/\1/' <<<"$line")
         failed=$(sed -E 's/.*tests passed, ([0-9]+) tests? failed.*/\1/' <<<"$line")
         # ctest counts a skipped test among the passed ones and lists it as "(Skipped)".
-        skipped=$(grep -cE '^ *[0-9]+ - .* \(Skipped\)$' "$ctest_log" || true)
+        skipped=$(grep -cE '^[[:space:]]*[0-9]+ - .* \(Skipped\)$' "$ctest_log" || true)
         passed=$((total - failed - skipped))
         total_passed=$((total_passed + passed))
         total_skipped=$((total_skipped + skipped))
