@@ -10,26 +10,12 @@
 #include <thread>
 #include <vector>
 
+#include "bootloader/protocol.h"
 #include "quelworks/serial/crc_ccitt.h"
 
 namespace {
 
-// Request bytes of the bootloader protocol.
-constexpr unsigned char kDeviceType = 0x11;
-constexpr unsigned char kSubType = 0x14;
-constexpr unsigned char kRevision = 0x15;
-constexpr unsigned char kFirmwareVersion = 0x16;
-constexpr unsigned char kBootloaderVersion = 0x17;
-constexpr unsigned char kProgramMode = 0x18;
-constexpr unsigned char kSerialNumber = 0x19;
-constexpr unsigned char kMaxBaudrate = 0x1A;
-constexpr unsigned char kSwitchBaudrate = 0x1B;
-constexpr unsigned char kDescription = 0x1C;
-constexpr unsigned char kEnterBootloader = 0x1D;  // also the first byte of the firmware header
-constexpr unsigned char kProgramParameters = 0x1F;
-
-// The device's acceptance mark.
-constexpr unsigned char kAccepted = 0x20;
+using namespace quelworks::protocol;
 
 // Bootloaders above version 1 want this text after the enter request.
 char kEnterProgmodeText[] = "Enter Progmode\r\n";

@@ -1,6 +1,5 @@
 #include "device_commands.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -15,21 +14,13 @@
 #include <string>
 #include <vector>
 
+#include "bootloader/device_check.h"
 #include "command_error.h"
 #include "interrupt.h"
+#include "platform/port_name.h"
 #include "progress.h"
 #include "quelworks/bootloader/bootloader.h"
 #include "quelworks/serial/rs232.h"
-
-#ifdef _WIN32
-#include <io.h>
-#define QW_ISATTY _isatty
-#define QW_FILENO _fileno
-#else
-#include <unistd.h>
-#define QW_ISATTY isatty
-#define QW_FILENO fileno
-#endif
 
 namespace quelworks::cli {
 
@@ -53,93 +44,44 @@ struct FlashOptions : DeviceOptions {
     std::string progress = "auto";
 };
 
-// The library takes text as char*; this keeps a writable copy alive for the call.
-class MutableText {
-public:
-    explicit MutableText(const std::string& text) : bytes_(text.begin(), text.end()) {
-        bytes_.push_back('\0');
-    }
-    char* get() { return bytes_.data(); }
-
-private:
-    std::vector<char> bytes_;
-};
-
 std::string hexByte(unsigned value) {
     char text[8];
     std::snprintf(text, sizeof text, "0x%02X", value & 0xFFu);
     return text;
 }
 
-#ifndef _WIN32
-// A port named without a directory lives in /dev.
-std::string portPath(const std::string& port) {
-    return port.find('/') == std::string::npos ? "/dev/" + port : port;
-}
-#endif
-
-std::string cannotOpen(const std::string& port) {
-#ifdef _WIN32
-    return "cannot open port " + port +
-           " (is it listed by 'quelworks ports'? is another program using it?)";
-#else
-    return "cannot open port " + port + " (is another program using it? do you have permission?)";
-#endif
+std::string cannotOpen(const std::string& port, bool listed) {
+    return "cannot open port " + port + " (" +
+           (listed ? "" : "is it listed by 'quelworks ports'? ") +
+           "is another program using it? do you have permission?)";
 }
 
-// Fails with a clear message unless the port exists and can be opened.
+// Fails with a clear message unless the port exists, is a serial port and can be opened.
 void checkPort(const std::string& port) {
     if (port.empty()) {
         throw CommandError(kExitPortUnavailable,
                            "no port given: the port name is empty (see 'quelworks ports')");
     }
-#ifndef _WIN32
-    struct stat info;
-    std::string path = portPath(port);
-    if (::stat(path.c_str(), &info) != 0) {
-        std::string where = path == port ? ""
-                                         : " (a name without a directory means " + path +
-                                               "; write ./" + port + " for a file here)";
+    PortNameCheck check = CheckPortName(port);
+    if (check.status == PortNameCheck::Status::Missing) {
+        std::string where = check.path == port
+                                ? ""
+                                : " (a name without a directory means " + check.path +
+                                      "; write ./" + port + " for a file here)";
         throw CommandError(kExitPortUnavailable,
-                           "no such port '" + port + "': " + std::strerror(errno) + where +
+                           "no such port '" + port + "': " + check.error + where +
                                " (see 'quelworks ports' for the ports this system knows)");
     }
-    bool terminal = false;
-    if (S_ISCHR(info.st_mode)) {
-        int fd = ::open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK);
-        terminal = fd >= 0 && ::isatty(fd);
-        if (fd < 0) terminal = true;  // cannot tell: let the open below report it
-        if (fd >= 0) ::close(fd);
-    }
-    if (!terminal) {
+    if (check.status == PortNameCheck::Status::NotSerial) {
         throw CommandError(kExitPortUnavailable, "'" + port + "' is not a serial port");
     }
-#endif
     RS232 link;
-    MutableText name(port);
-    link.PortName(name.get());
+    link.PortName(port.c_str());
     if (!link.Connect()) {
-        throw CommandError(kExitPortUnavailable, cannotOpen(port));
+        throw CommandError(kExitPortUnavailable,
+                           cannotOpen(port, check.status == PortNameCheck::Status::Serial));
     }
     link.Disconnect();
-}
-
-// Listens on the port for up to `waitMs`; true if any byte arrives. Used after a failure to tell
-// a device that answers too late from one that does not answer at all.
-bool byteArrivesWithin(const std::string& port, std::uint32_t baudrate, int waitMs,
-                       unsigned char* first = nullptr) {
-    RS232 link;
-    MutableText name(port);
-    link.PortName(name.get());
-    link.Baudrate = baudrate;
-    if (!link.Connect()) return false;
-    unsigned char* reply = nullptr;
-    int length = 0;
-    bool arrived = link.Receive(&reply, &length, waitMs);
-    if (arrived && first != nullptr && length > 0) *first = reply[0];
-    std::free(reply);
-    link.Disconnect();
-    return arrived;
 }
 
 // How long to listen for a late reply after a time-out of `timeout` ms.
@@ -156,86 +98,40 @@ int lateWindowMs(int timeout) {
                                           std::to_string(std::min(4 * timeout, 600000)));
 }
 
-struct Query {
-    unsigned char request;
-    const char* name;
-};
-
-// Called when the device's identity did not read back: asks the device again, one request at a
-// time, and throws the error that says best what went wrong.
+// Called when the device's identity did not read back: asks the device again and throws the
+// error that says best what went wrong.
 [[noreturn]] void diagnose(const std::string& port, int timeout, std::uint32_t baudrate) {
-    RS232 link;
-    MutableText name(port);
-    link.PortName(name.get());
-    link.Baudrate = baudrate;
-    if (!link.Connect()) {
-        throw CommandError(kExitPortUnavailable, cannotOpen(port));
-    }
-    unsigned char* reply = nullptr;
-    int length = 0;
-    while (link.Receive(&reply, &length, 100)) std::free(reply);
-
-    std::vector<Query> queries = {
-        {0x17, "bootloader version"}, {0x11, "device type"},       {0x14, "sub-type"},
-        {0x16, "firmware version"},   {0x1A, "maximum baud rate"}, {0x15, "revision"},
-        {0x19, "serial number"},      {0x18, "program mode"},      {0x1C, "description"},
-    };
-    bool inProgramMode = false;
-    unsigned deviceType = 1;
-    for (std::size_t i = 0; i < queries.size(); ++i) {
-        Query q = queries[i];
-        // The library asks for the sub-type only of a device with a type.
-        if (q.request == 0x14 && deviceType == 0) continue;
-        unsigned char request = q.request;
-        link.Send(&request, 1);
-        reply = nullptr;
-        length = 0;
-        if (!link.Receive(&reply, &length, timeout)) {
-            // A reply that comes after the time-out: the device is slow, not silent.
-            bool late = link.Receive(&reply, &length, lateWindowMs(timeout));
-            if (late) std::free(reply);
-            link.Disconnect();
-            if (late) throwLate(port, timeout);
-            if (i == 0) {
-                throw CommandError(kExitNoAnswer, "no answer from the device on " + port +
-                                                      " (is it powered and on this port?)");
-            }
+    using Problem = IdentityDiagnosis::Problem;
+    IdentityDiagnosis d = DiagnoseIdentity(port.c_str(), timeout, baudrate, lateWindowMs(timeout));
+    std::string request = std::string(d.requestName) + " request (" + hexByte(d.request) + ")";
+    switch (d.problem) {
+        case Problem::PortUnavailable:
+            throw CommandError(kExitPortUnavailable, cannotOpen(port, true));
+        case Problem::NoAnswer:
+            throw CommandError(kExitNoAnswer, "no answer from the device on " + port +
+                                                  " (is it powered and on this port?)");
+        case Problem::LateReply:
+            throwLate(port, timeout);
+        case Problem::StoppedAnswering:
+            throw CommandError(kExitBadReply, "the device on " + port +
+                                                  " stopped answering at the " + request +
+                                                  "; try a longer --timeout");
+        case Problem::WrongEcho:
             throw CommandError(kExitBadReply,
-                               "the device on " + port + " stopped answering at the " + q.name +
-                                   " request (" + hexByte(q.request) + "); try a longer --timeout");
-        }
-        std::unique_ptr<unsigned char, decltype(&std::free)> owned(reply, &std::free);
-        if (reply[0] != q.request) {
-            link.Disconnect();
-            // The echo of an earlier request: its reply came after that request's time-out.
-            for (const Query& earlier : queries) {
-                if (reply[0] == earlier.request) throwLate(port, timeout);
-            }
-            throw CommandError(kExitBadReply,
-                               "the device on " + port + " answered the " + q.name + " request (" +
-                                   hexByte(q.request) + ") with " + hexByte(reply[0]) +
+                               "the device on " + port + " answered the " + request + " with " +
+                                   hexByte(d.replyByte) +
                                    " instead of its echo (wrong baud rate, or not a bootloader "
                                    "device?)");
-        }
-        if (q.request == 0x11) deviceType = length >= 3 ? (reply[1] << 8) | reply[2] : reply[1];
-        if (q.request == 0x18 && length >= 2) inProgramMode = reply[1] == 0x20;
-        if (q.request == 0x1C && reply[length - 1] != 0x00) {
-            link.Disconnect();
+        case Problem::Unterminated:
             throw CommandError(kExitBadReply, "the description from the device on " + port +
                                                   " is not terminated; try a longer --timeout");
-        }
-    }
-    if (inProgramMode) {
-        unsigned char request = 0x1F;
-        link.Send(&request, 1);
-        if (!link.Receive(&reply, &length, timeout)) {
-            link.Disconnect();
+        case Problem::NoProgramParameters:
             throw CommandError(kExitBadReply, "the device on " + port +
-                                                  " does not report its program parameters (0x1F)");
-        }
-        std::free(reply);
+                                                  " does not report its program parameters (" +
+                                                  hexByte(d.request) + ")");
+        case Problem::None:
+            break;
     }
-    link.Disconnect();
     throw CommandError(kExitBadReply,
                        "the identity of the device on " + port +
                            " did not read back completely although it answers; try a longer "
@@ -276,8 +172,7 @@ Identity readIdentity(Bootloader& boot) {
 // Connects, reads the identity and explains a failure.
 std::unique_ptr<Bootloader> connectDevice(const DeviceOptions& options) {
     checkPort(options.port);
-    MutableText name(options.port);
-    auto boot = std::make_unique<Bootloader>(name.get(), options.timeout, true);
+    auto boot = std::make_unique<Bootloader>(options.port.c_str(), options.timeout, true);
     if (!boot->IsDeviceInfoAvailable()) diagnose(options.port, options.timeout, 9600);
     return boot;
 }
@@ -454,24 +349,6 @@ void onProgress(int done, int total) {
     if (g_progress.reporter) g_progress.reporter->update(done, total, elapsed);
 }
 
-// Reads the block size the device asked for (the library keeps it to itself); 0 if unknown.
-int queryBlockSize(const std::string& port, int timeout, std::uint32_t baudrate) {
-    RS232 link;
-    MutableText name(port);
-    link.PortName(name.get());
-    link.Baudrate = baudrate;
-    if (!link.Connect()) return 0;
-    unsigned char request = 0x1F;
-    unsigned char reply[9] = {};
-    link.Send(&request, 1);
-    bool ok = link.Receive(reply, 9, timeout) && reply[0] == 0x1F;
-    link.Disconnect();
-    if (!ok) return 0;
-    std::uint32_t size = (std::uint32_t(reply[1]) << 24) | (std::uint32_t(reply[2]) << 16) |
-                         (std::uint32_t(reply[3]) << 8) | reply[4];
-    return size > 0 && size <= INT_MAX ? static_cast<int>(size) : 0;
-}
-
 long long checkImage(const std::string& path) {
     struct stat info;
     if (::stat(path.c_str(), &info) != 0) {
@@ -523,7 +400,7 @@ void runFlash(const FlashOptions& options) {
                                " did not enter programming mode (power-cycle it and try again, "
                                "or try a longer --timeout)");
     }
-    int blockSize = queryBlockSize(options.port, options.timeout, baudrate);
+    int blockSize = ReadBlockSize(options.port.c_str(), options.timeout, baudrate);
     long long blocks = blockSize > 0 ? (imageSize + blockSize - 1) / blockSize : 0;
     if (blockSize > 0) {
         std::printf("writing %lld bytes in %lld blocks of %d bytes\n", imageSize, blocks,
@@ -536,8 +413,7 @@ void runFlash(const FlashOptions& options) {
     ProgressReporter::Style style = ProgressReporter::Style::Lines;
     if (options.progress == "none") {
         style = ProgressReporter::Style::None;
-    } else if (options.progress == "bar" ||
-               (options.progress == "auto" && QW_ISATTY(QW_FILENO(stderr)))) {
+    } else if (options.progress == "bar" || (options.progress == "auto" && isTerminal(stderr))) {
         style = ProgressReporter::Style::Bar;
     }
     ProgressReporter reporter(style, stderr, terminalColumns(stderr));
@@ -545,13 +421,12 @@ void runFlash(const FlashOptions& options) {
     g_progress.reporter = &reporter;
     boot->ProgressCallback = onProgress;
 
-    MutableText image(options.image);
     SteadyClock::time_point start = SteadyClock::now();
     bool ok = false;
     try {
         InterruptWatch interrupt;
         g_interrupt = &interrupt;
-        ok = boot->UpdateFirmware(options.value, image.get());
+        ok = boot->UpdateFirmware(options.value, options.image.c_str());
         g_interrupt = nullptr;
     } catch (const FlashInterrupted& stop) {
         g_interrupt = nullptr;
@@ -572,8 +447,7 @@ void runFlash(const FlashOptions& options) {
 
     if (!ok) {
         boot.reset();  // closes the port
-        unsigned char first = 0;
-        if (byteArrivesWithin(options.port, baudrate, lateWindowMs(options.timeout), &first)) {
+        if (ByteArrivesWithin(options.port.c_str(), baudrate, lateWindowMs(options.timeout))) {
             throwLate(options.port, options.timeout);
         }
         if (g_progress.calls == 0) {

@@ -90,6 +90,14 @@ std::string fittedProgressBar(long long done, long long total, double elapsedSec
     return room > 0 && static_cast<int>(text.size()) > room ? text.substr(0, room) : text;
 }
 
+bool isTerminal(std::FILE* out) {
+#ifdef _WIN32
+    return _isatty(_fileno(out)) != 0;
+#else
+    return ::isatty(fileno(out)) != 0;
+#endif
+}
+
 int terminalColumns(std::FILE* out) {
 #ifdef _WIN32
     CONSOLE_SCREEN_BUFFER_INFO info;

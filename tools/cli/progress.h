@@ -21,6 +21,8 @@ std::string progressLine(long long done, long long total, double elapsedSeconds)
 // The bar narrowed (or left out, and the text cut) to fit a terminal `columns` wide, leaving the
 // last column free so that the cursor never wraps.
 std::string fittedProgressBar(long long done, long long total, double elapsedSeconds, int columns);
+// True if `out` writes to a terminal.
+bool isTerminal(std::FILE* out);
 // The width of the terminal `out` writes to; 80 when it cannot be told.
 int terminalColumns(std::FILE* out);
 
