@@ -193,8 +193,10 @@ QW_C_API qw_status QW_CALL qw_port_get_baud_rate(qw_port* port, uint32_t* baud_r
 QW_C_API qw_status QW_CALL qw_port_set_xon_xoff(qw_port* port, int32_t enabled);
 /* End of line for qw_port_receive_line (copied; must not be empty). */
 QW_C_API qw_status QW_CALL qw_port_set_line_terminator(qw_port* port, const char* terminator);
-/* Called on the calling thread between the 50-byte chunks of qw_port_send; a non-zero return
- * stops the send (QW_ERR_CANCELLED). NULL removes it. */
+/* Called on the calling thread during qw_port_send: with (offset + 1, length) before a chunk
+ * once more than 1000 bytes have gone out since the last report, and with (length, length) at the
+ * end. A non-zero return stops the send before the next chunk and gives QW_ERR_CANCELLED (also at
+ * the end, when everything has been written). NULL removes it. */
 QW_C_API qw_status QW_CALL qw_port_set_send_progress(qw_port* port, qw_progress_fn callback,
                                                      void* user);
 
