@@ -14,14 +14,21 @@
 #include "quelworks/quelworks_c.h"
 
 #if defined(_WIN32)
+#define WIN32_LEAN_AND_MEAN
 #include <windows.h>
 static void sleep_ms(int ms) {
     Sleep((DWORD)ms);
 }
+/* The process's handle count; where that is not available (Wine), the value of a new handle,
+ * which grows when handles leak because freed handle values are reused lowest first. */
 static long open_resources(void) {
     DWORD count = 0;
-    GetProcessHandleCount(GetCurrentProcess(), &count);
-    return (long)count;
+    HANDLE probe;
+    if (GetProcessHandleCount(GetCurrentProcess(), &count) && count > 0) return (long)count;
+    probe = CreateEventW(NULL, FALSE, FALSE, NULL);
+    if (probe == NULL) return -1;
+    CloseHandle(probe);
+    return (long)(uintptr_t)probe;
 }
 #else
 #include <dirent.h>
@@ -44,14 +51,14 @@ static long open_resources(void) {
 #endif
 
 /* The identity the port test script gives its devices. */
-#define DEVICE_TYPE 291
-#define SUB_TYPE 2
-#define REVISION 3
-#define FIRMWARE 261
-#define BOOTLOADER 2
-#define MAX_BAUD 115200
-#define SERIAL "QW123456"
-#define DESCRIPTION "port test device"
+#define QW_T_DEVICE_TYPE 291
+#define QW_T_SUB_TYPE 2
+#define QW_T_REVISION 3
+#define QW_T_FIRMWARE 261
+#define QW_T_BOOTLOADER 2
+#define QW_T_MAX_BAUD 115200
+#define QW_T_SERIAL "QW123456"
+#define QW_T_DESCRIPTION "port test device"
 
 static const char* port_normal;
 static const char* port_silent;
@@ -106,7 +113,7 @@ static int32_t QW_CALL log_progress(int32_t done, int32_t total, void* user) {
     int32_t type = 0;
     const uint8_t bytes[] = "123456789";
     if (qw_crc16(QW_CRC_INIT_ALL_ONES, bytes, 9, &crc) == QW_OK && crc == 0x29B1 &&
-        qw_boot_get_device_type(log->boot, &type) == QW_OK && type == DEVICE_TYPE)
+        qw_boot_get_device_type(log->boot, &type) == QW_OK && type == QW_T_DEVICE_TYPE)
         ++log->reentered_ok;
     ++log->calls;
     log->last_done = done;
@@ -126,25 +133,25 @@ static void test_identity_and_flash(void) {
     CHECK_OK(qw_boot_has_identity(boot, &value));
     CHECK(value == 1);
     CHECK_OK(qw_boot_get_device_type(boot, &value));
-    CHECK(value == DEVICE_TYPE);
+    CHECK(value == QW_T_DEVICE_TYPE);
     CHECK_OK(qw_boot_get_sub_device_type(boot, &value));
-    CHECK(value == SUB_TYPE);
+    CHECK(value == QW_T_SUB_TYPE);
     CHECK_OK(qw_boot_get_revision(boot, &value));
-    CHECK(value == REVISION);
+    CHECK(value == QW_T_REVISION);
     CHECK_OK(qw_boot_get_firmware_version(boot, &value));
-    CHECK(value == FIRMWARE);
+    CHECK(value == QW_T_FIRMWARE);
     CHECK_OK(qw_boot_get_bootloader_version(boot, &value));
-    CHECK(value == BOOTLOADER);
+    CHECK(value == QW_T_BOOTLOADER);
     CHECK_OK(qw_boot_get_max_baud_rate(boot, &value));
-    CHECK(value == MAX_BAUD);
+    CHECK(value == QW_T_MAX_BAUD);
     CHECK_OK(qw_boot_get_program_mode(boot, &value));
     CHECK(value == QW_BOOT_NOT_IN_PROGRAM_MODE);
     CHECK_STATUS(qw_boot_get_serial_number(boot, text, 4, &needed), QW_ERR_BUFFER_TOO_SMALL);
-    CHECK(needed == (int32_t)sizeof SERIAL);
+    CHECK(needed == (int32_t)sizeof QW_T_SERIAL);
     CHECK_OK(qw_boot_get_serial_number(boot, text, needed, NULL));
-    CHECK(strcmp(text, SERIAL) == 0);
+    CHECK(strcmp(text, QW_T_SERIAL) == 0);
     CHECK_OK(qw_boot_get_description(boot, text, sizeof text, NULL));
-    CHECK(strcmp(text, DESCRIPTION) == 0);
+    CHECK(strcmp(text, QW_T_DESCRIPTION) == 0);
     CHECK_INVALID(qw_boot_get_revision(boot, NULL));
 
     /* Flash from memory, with a progress callback that re-enters the library. */
@@ -252,7 +259,8 @@ static void test_sync_port(void) {
     CHECK(strcmp(name, port_normal) == 0);
     CHECK_OK(qw_port_send(port, &request, 1));
     CHECK_OK(qw_port_receive(port, reply, 3, 1000));
-    CHECK(reply[0] == 0x11 && reply[1] == (DEVICE_TYPE >> 8) && reply[2] == (DEVICE_TYPE & 0xFF));
+    CHECK(reply[0] == 0x11 && reply[1] == (QW_T_DEVICE_TYPE >> 8) &&
+          reply[2] == (QW_T_DEVICE_TYPE & 0xFF));
 
     /* A send progress callback that re-enters the library and stops the send. */
     memset(big, 0, sizeof big);
@@ -304,8 +312,8 @@ static void test_async_link(void) {
     CHECK_OK(qw_async_send(link, &request, 1));
     for (i = 0; i < 200 && log.replies == 0; ++i) sleep_ms(25);
     CHECK(log.replies == 1 && log.length == 3);
-    CHECK(log.reply[0] == 0x11 && log.reply[1] == (DEVICE_TYPE >> 8) &&
-          log.reply[2] == (DEVICE_TYPE & 0xFF));
+    CHECK(log.reply[0] == 0x11 && log.reply[1] == (QW_T_DEVICE_TYPE >> 8) &&
+          log.reply[2] == (QW_T_DEVICE_TYPE & 0xFF));
     CHECK(log.queue_ok == 1 && log.close_refused == 1);
     CHECK_OK(qw_async_queue_length(link, &count));
     CHECK(count == 0);

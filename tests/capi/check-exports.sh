@@ -18,7 +18,9 @@ case "$lib" in
 *.dll)
     objdump=$(command -v x86_64-w64-mingw32-objdump || command -v objdump)
     "$objdump" -p "$lib" |
-        awk '/\[Ordinal\/Name Pointer\] Table/ {on = 1; next} on && /^\s*\[/ {print $NF; next} on {exit}' |
+        awk '/\[Ordinal\/Name Pointer\] Table/ {on = 1; next}
+             on && /^[[:space:]]*\[/ {print $NF; next}
+             {on = 0}' |
         sort >"$work/exported"
     ;;
 *)

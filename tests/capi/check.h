@@ -9,6 +9,7 @@
 #include "quelworks/quelworks_c.h"
 
 #if defined(_WIN32)
+#define WIN32_LEAN_AND_MEAN
 #include <windows.h>
 #endif
 
