@@ -5,6 +5,7 @@
 #if !defined(_WIN32)
 #define _POSIX_C_SOURCE 200809L /* nanosleep */
 #endif
+#include <stdatomic.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -275,7 +276,7 @@ static void test_sync_port(void) {
 }
 
 struct async_log {
-    volatile int replies;
+    atomic_int replies; /* published after the fields above */
     uint8_t reply[8];
     int32_t length;
     int queue_ok;
@@ -291,7 +292,7 @@ static void QW_CALL on_reply(const uint8_t* data, int32_t length, void* user) {
     /* Calls back into its own link: allowed for the queue, refused for closing. */
     if (qw_async_queue_length(log->link, &queued) == QW_OK && queued == 0) log->queue_ok = 1;
     if (qw_async_close(log->link) == QW_ERR_INVALID_ARGUMENT) log->close_refused = 1;
-    log->replies = log->replies + 1;
+    atomic_fetch_add(&log->replies, 1);
 }
 
 static void test_async_link(void) {
@@ -302,6 +303,7 @@ static void test_async_link(void) {
     int i;
 
     memset(&log, 0, sizeof log);
+    atomic_init(&log.replies, 0);
     CHECK_OK(qw_async_new(&link));
     log.link = link;
     CHECK_OK(qw_async_set_callbacks(link, on_reply, NULL, &log));
@@ -310,8 +312,8 @@ static void test_async_link(void) {
     CHECK_OK(qw_async_is_open(link, &open));
     CHECK(open == 1);
     CHECK_OK(qw_async_send(link, &request, 1));
-    for (i = 0; i < 200 && log.replies == 0; ++i) sleep_ms(25);
-    CHECK(log.replies == 1 && log.length == 3);
+    for (i = 0; i < 200 && atomic_load(&log.replies) == 0; ++i) sleep_ms(25);
+    CHECK(atomic_load(&log.replies) == 1 && log.length == 3);
     CHECK(log.reply[0] == 0x11 && log.reply[1] == (QW_T_DEVICE_TYPE >> 8) &&
           log.reply[2] == (QW_T_DEVICE_TYPE & 0xFF));
     CHECK(log.queue_ok == 1 && log.close_refused == 1);
