@@ -234,7 +234,10 @@ QW_C_API qw_status QW_CALL qw_port_list(qw_strings** ports);
 /* A queued serial link with a background thread. Each cycle (about 50 ms) the thread sends at
  * most one queued message and reads at most one byte (waiting up to 2 s for it), feeds the byte
  * to the reply table and hands every complete reply to the receive callback. At most 101
- * messages wait in the queue; queued messages may leave in an order other than queueing.
+ * messages wait in the queue; queued messages may leave in an order other than queueing. The
+ * link is built from the same parts as the C++ RS232Async (the port and the reply framer) with
+ * its rhythm and limits, and adds what a C caller needs: a baud rate, XON/XOFF and a terminator
+ * of its own, a user pointer for the callbacks, locking, and a thread that is always waited for.
  *
  * Reply table: a reply starting with a registered command byte is `expected` bytes long in
  * total; a reply starting with another byte ends with the terminator text. */
@@ -242,7 +245,7 @@ typedef struct qw_async qw_async;
 
 /* A closed link: baud rate 9600, no XON/XOFF, empty reply table, terminator "". */
 QW_C_API qw_status QW_CALL qw_async_new(qw_async** link);
-/* Closes the link, waits for its thread to end, destroys it. */
+/* Closes the link (waiting for its thread, as qw_async_close), destroys it. */
 QW_C_API qw_status QW_CALL qw_async_free(qw_async* link);
 
 /* Settings for the next qw_async_open. */
@@ -264,8 +267,9 @@ QW_C_API qw_status QW_CALL qw_async_set_terminator(qw_async* link, const char* t
 
 /* Opens the port and starts the background thread (an open link is closed first). */
 QW_C_API qw_status QW_CALL qw_async_open(qw_async* link, const char* name);
-/* Drops the queue, stops the thread (waits for it) and closes the port; no disconnect
- * callback. Closing a closed link is QW_OK. */
+/* Drops the queue, stops the thread and closes the port; no disconnect callback. Waits for the
+ * thread to finish its cycle: up to about 2 s while it waits for a byte on a silent line.
+ * Closing a closed link is QW_OK. */
 QW_C_API qw_status QW_CALL qw_async_close(qw_async* link);
 QW_C_API qw_status QW_CALL qw_async_is_open(qw_async* link, int32_t* open);
 /* Queues a copy of the data. QW_ERR_NOT_OPEN when closed, QW_ERR_FAILED when the queue is
