@@ -159,6 +159,7 @@ static void test_identity_and_flash(void) {
     make_image(image, kSize, 1);
     log.boot = boot;
     CHECK_OK(qw_boot_set_progress(boot, log_progress, &log));
+    CHECK_OK(qw_boot_switch_to_max_baud_rate(boot));
     CHECK_OK(qw_boot_enter_programming(boot));
     CHECK_OK(qw_boot_flash_memory(boot, 7, image, kSize));
     CHECK(device_received(image, kSize));
@@ -263,6 +264,18 @@ static void test_sync_port(void) {
     CHECK(reply[0] == 0x11 && reply[1] == (QW_T_DEVICE_TYPE >> 8) &&
           reply[2] == (QW_T_DEVICE_TYPE & 0xFF));
 
+    /* A line ended by a terminator of our choosing: the serial number reply ends with "56". */
+    {
+        const uint8_t serial_request = 0x19;
+        char* line = NULL;
+        int32_t length = 0;
+        CHECK_OK(qw_port_set_line_terminator(port, "56"));
+        CHECK_OK(qw_port_send(port, &serial_request, 1));
+        CHECK_OK(qw_port_receive_line(port, 1000, &line, &length));
+        CHECK(line != NULL && length == 9 && memcmp(line, "\x19" QW_T_SERIAL, 10) == 0);
+        qw_free(line);
+    }
+
     /* A send progress callback that re-enters the library and stops the send. */
     memset(big, 0, sizeof big);
     log.port = port;
@@ -272,6 +285,18 @@ static void test_sync_port(void) {
     CHECK_OK(qw_port_close(port));
     CHECK_OK(qw_port_close(port));
     CHECK_STATUS(qw_port_send(port, &request, 1), QW_ERR_NOT_OPEN);
+    /* Reopened with XON/XOFF flow control (which takes the bytes 0x11 and 0x13 for itself, so
+     * ask for the serial number, which holds neither). */
+    {
+        const uint8_t serial_request = 0x19;
+        uint8_t serial[9] = {0};
+        CHECK_OK(qw_port_set_send_progress(port, NULL, NULL));
+        CHECK_OK(qw_port_set_xon_xoff(port, 1));
+        CHECK_OK(qw_port_open(port, port_normal));
+        CHECK_OK(qw_port_send(port, &serial_request, 1));
+        CHECK_OK(qw_port_receive(port, serial, 9, 1000));
+        CHECK(memcmp(serial, "\x19" QW_T_SERIAL, 9) == 0);
+    }
     CHECK_OK(qw_port_free(port));
 }
 

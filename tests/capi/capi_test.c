@@ -500,6 +500,23 @@ static void test_ini(void) {
     CHECK(strcmp(buffer, "COM3") == 0);
     CHECK_OK(qw_ini_records_free(records));
 
+    /* A whole section commented out and back, with comments of its own. */
+    CHECK_OK(qw_ini_set_section_comments(name, "Extra", "; extra settings\n"));
+    CHECK_OK(qw_ini_comment_section(name, "Extra", '#'));
+    CHECK_OK(qw_ini_get_record(name, "Extra", "Name", &records));
+    CHECK_OK(qw_ini_records_get(records, 0, QW_INI_FIELD_COMMENTED, buffer, sizeof buffer, NULL));
+    CHECK(strcmp(buffer, "#") == 0);
+    CHECK_OK(qw_ini_records_free(records));
+    CHECK_INVALID(qw_ini_comment_section(name, "Extra", 0));
+    CHECK_OK(qw_ini_uncomment_section(name, "Extra"));
+    CHECK_OK(qw_ini_get_section(name, "Extra", &records));
+    CHECK_OK(qw_ini_records_get(records, 0, QW_INI_FIELD_COMMENTED, buffer, sizeof buffer, NULL));
+    CHECK(strcmp(buffer, " ") == 0);
+    CHECK_OK(qw_ini_records_free(records));
+    CHECK_OK(qw_ini_content(name, buffer, sizeof buffer, NULL));
+    CHECK(strstr(buffer, "; extra settings\n[Extra]\n") != NULL);
+    CHECK_OK(qw_ini_set_section_comments(name, "Extra", ""));
+
     CHECK_OK(qw_ini_rename_section(name, "Extra", "Other"));
     CHECK_OK(qw_ini_delete_record(name, "Main", "Baud"));
     CHECK_OK(qw_ini_sort(name, 1));
