@@ -8,6 +8,8 @@
 #ifndef QUELWORKS_SRC_PLATFORM_SYSTEM_NAME_H
 #define QUELWORKS_SRC_PLATFORM_SYSTEM_NAME_H
 
+#include <cstdio>
+#include <filesystem>
 #include <string>
 
 namespace quelworks::detail {
@@ -25,6 +27,11 @@ private:
 
 // Whether the calling thread's names are UTF-8 right now.
 bool namesAreUtf8() noexcept;
+
+// fopen for a narrow name with the calling thread's meaning (null when it cannot be opened).
+std::FILE* openFile(const char* name, const char* mode);
+// The name as a path for the standard library's file streams (empty when it is not valid).
+std::filesystem::path pathFromName(const char* name);
 
 #if defined(_WIN32)
 // The name in UTF-16, read as UTF-8 or as the ANSI code page, whichever the calling thread's

@@ -18,4 +18,13 @@ bool namesAreUtf8() noexcept {
     return utf8Names;
 }
 
+std::FILE* openFile(const char* name, const char* mode) {
+    if (name == nullptr || mode == nullptr) return nullptr;
+    return std::fopen(name, mode);
+}
+
+std::filesystem::path pathFromName(const char* name) {
+    return name != nullptr ? std::filesystem::path(name) : std::filesystem::path();
+}
+
 }  // namespace quelworks::detail

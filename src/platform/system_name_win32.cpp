@@ -57,4 +57,17 @@ bool narrowName(const wchar_t* wide, std::string* name) {
     return true;
 }
 
+std::FILE* openFile(const char* name, const char* mode) {
+    std::wstring wideName;
+    if (mode == nullptr || !systemName(name, &wideName)) return nullptr;
+    std::wstring wideMode(mode, mode + std::char_traits<char>::length(mode));
+    return _wfopen(wideName.c_str(), wideMode.c_str());
+}
+
+std::filesystem::path pathFromName(const char* name) {
+    std::wstring wide;
+    if (!systemName(name, &wide)) return std::filesystem::path();
+    return std::filesystem::path(wide);
+}
+
 }  // namespace quelworks::detail

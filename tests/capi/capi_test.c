@@ -354,6 +354,14 @@ static void test_lut(void) {
     CHECK_INVALID(qw_lut_load(lut, NULL, 1.0f, 1.0f, NULL, NULL, NULL, NULL));
     CHECK(write_text(name, "0;0\nbroken\n"));
     CHECK_STATUS(qw_lut_load(lut, name, 1.0f, 1.0f, NULL, NULL, NULL, NULL), QW_ERR_FORMAT);
+    /* A table under a non-ASCII name. */
+    {
+        const char* unicode = "qw-capi-Tabelle-\xC3\xA4\xE6\xB8\xAC.txt";
+        CHECK(write_text(unicode, "0;0\n10;100\n"));
+        CHECK_OK(qw_lut_load(lut, unicode, 1.0f, 1.0f, &max_x, NULL, NULL, NULL));
+        CHECK(max_x == 10.0f);
+        CHECK(utf8_remove(unicode) == 0);
+    }
     CHECK_OK(qw_lut_free(lut));
     remove(name);
 }
