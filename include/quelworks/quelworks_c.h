@@ -210,6 +210,7 @@ QW_C_API qw_status QW_CALL qw_port_is_open(qw_port* port, int32_t* open);
 QW_C_API qw_status QW_CALL qw_port_get_name(qw_port* port, char* buffer, int32_t size,
                                             int32_t* needed);
 
+/* The receive functions take a time-out of at least 1 ms (0 would wait for ever). */
 QW_C_API qw_status QW_CALL qw_port_send(qw_port* port, const uint8_t* data, int32_t length);
 /* Sends the text without its terminating zero. */
 QW_C_API qw_status QW_CALL qw_port_send_text(qw_port* port, const char* text);
@@ -222,7 +223,8 @@ QW_C_API qw_status QW_CALL qw_port_receive(qw_port* port, uint8_t* data, int32_t
 QW_C_API qw_status QW_CALL qw_port_receive_until_quiet(qw_port* port, int32_t timeout_ms,
                                                        uint8_t** data, int32_t* length);
 /* Reads up to and including the line terminator; *line (zero-terminated, release with qw_free)
- * and *length (terminator counted, zero not). QW_ERR_TIMEOUT when no full line came. */
+ * and *length (terminator counted, zero not). QW_ERR_TIMEOUT when no full line came (what came
+ * is dropped). A zero byte on the line hides what follows it, so such a line never completes. */
 QW_C_API qw_status QW_CALL qw_port_receive_line(qw_port* port, int32_t timeout_ms, char** line,
                                                 int32_t* length);
 
@@ -288,8 +290,8 @@ typedef struct qw_boot qw_boot;
 #define QW_BOOT_NOT_IN_PROGRAM_MODE 1
 
 /* Names the port, drains pending input and, when read_identity is non-zero, reads the device's
- * identity (qw_boot_read_identity). timeout_ms is the time-out of every receive (1000 is the
- * usual value). The handle is created even when reading the identity fails; then
+ * identity (qw_boot_read_identity). timeout_ms is the time-out of every receive: at least 10
+ * (1000 is the usual value). The handle is created even when reading the identity fails; then
  * qw_boot_has_identity gives 0. */
 QW_C_API qw_status QW_CALL qw_boot_new(const char* port_name, int32_t timeout_ms,
                                        int32_t read_identity, qw_boot** boot);

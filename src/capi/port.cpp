@@ -177,7 +177,7 @@ QW_C_API qw_status QW_CALL qw_port_receive(qw_port* port, uint8_t* data, int32_t
     return guarded([&] {
         QW_FIND(p, PortObject, port, Kind::Port);
         if (qw_status s = checkBuffer(data, count, "data")) return s;
-        QW_REQUIRE(timeout_ms >= 0, "negative time-out");
+        QW_REQUIRE(timeout_ms >= 1, "time-out below 1 ms (0 would wait for ever)");
         if (qw_status s = requireOpen(*p)) return s;
         if (count == 0) return QW_OK;
         if (!p->link.Receive(data, count, timeout_ms))
@@ -192,7 +192,7 @@ QW_C_API qw_status QW_CALL qw_port_receive_until_quiet(qw_port* port, int32_t ti
     return guarded([&] {
         QW_FIND(p, PortObject, port, Kind::Port);
         QW_REQUIRE(data && length, "null pointer: data or length");
-        QW_REQUIRE(timeout_ms >= 0, "negative time-out");
+        QW_REQUIRE(timeout_ms >= 1, "time-out below 1 ms (0 would wait for ever)");
         if (qw_status s = requireOpen(*p)) return s;
         unsigned char* received = nullptr;
         int count = 0;
@@ -213,7 +213,7 @@ QW_C_API qw_status QW_CALL qw_port_receive_line(qw_port* port, int32_t timeout_m
     return guarded([&] {
         QW_FIND(p, PortObject, port, Kind::Port);
         QW_REQUIRE(line && length, "null pointer: line or length");
-        QW_REQUIRE(timeout_ms >= 0, "negative time-out");
+        QW_REQUIRE(timeout_ms >= 1, "time-out below 1 ms (0 would wait for ever)");
         if (qw_status s = requireOpen(*p)) return s;
         unsigned char* received = nullptr;
         int count = 0;

@@ -211,6 +211,8 @@ static void test_handle_arguments(void) {
     CHECK_INVALID(qw_port_receive(port, bytes, -4, 10));
     CHECK_INVALID(qw_port_receive(port, NULL, 4, 10));
     CHECK_INVALID(qw_port_receive(port, bytes, 4, -1));
+    CHECK_INVALID(qw_port_receive(port, bytes, 4, 0));
+    CHECK_INVALID(qw_port_receive_until_quiet(port, 0, &data, &n));
     CHECK_INVALID(qw_port_receive_until_quiet(port, 10, NULL, &n));
     CHECK_INVALID(qw_port_receive_line(port, 10, &line, NULL));
     /* A closed port: operations that need the line say so. */
