@@ -73,7 +73,9 @@ public:
         std::mt19937_64 random(seed() ^
                                static_cast<std::uint64_t>(
                                    std::chrono::steady_clock::now().time_since_epoch().count()));
-        std::filesystem::path folder = std::filesystem::temp_directory_path();
+        std::error_code noFolder;
+        std::filesystem::path folder = std::filesystem::temp_directory_path(noFolder);
+        if (noFolder) return;  // no temporary folder: write() then fails
         for (int attempt = 0; attempt < 100 && path.empty(); ++attempt) {
             std::filesystem::path candidate =
                 folder / ("quelworks-image-" + std::to_string(random()) + ".bin");
