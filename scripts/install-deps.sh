@@ -9,7 +9,8 @@ packages=(
     googletest libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev
 )
 if [ "${1:-}" = "--windows" ]; then
-    packages+=(g++-mingw-w64-x86-64-posix wine wine64)
+    # lld: links a program the way Visual Studio does, against quelworks_c.lib.
+    packages+=(g++-mingw-w64-x86-64-posix wine wine64 lld)
 fi
 if [ "${1:-}" = "--bench" ]; then
     packages+=(libboost-dev libinih-dev libsimpleini-dev libgeos-dev)

@@ -99,6 +99,7 @@ if has consumer; then
     cmake -S tests/consumer -B build/consumer -G Ninja -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
     cmake --build build/consumer
     LD_LIBRARY_PATH="$prefix/lib:$prefix/lib64${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH}" build/consumer/consumer
+    LD_LIBRARY_PATH="$prefix/lib:$prefix/lib64${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH}" build/consumer/consumer_c
     # The installed programs find the installed library by their own run path.
     env -u LD_LIBRARY_PATH "$prefix/bin/quelworks" --version
     env -u LD_LIBRARY_PATH "$prefix/bin/quelworks" ports >/dev/null

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "bootloader/protocol.h"
+#include "platform/system_name.h"
 #include "quelworks/serial/crc_ccitt.h"
 
 namespace {
@@ -373,7 +374,8 @@ bool Bootloader::UpdateFirmware(int value, char* fileName) {
     // A zero or negative block size would never cut the image.
     if (blockSize <= 0 || fileName == nullptr) return false;
 
-    std::FILE* file = std::fopen(fileName, "rb");
+    // The name's meaning (ANSI code page or UTF-8) is the platform layer's business.
+    std::FILE* file = quelworks::detail::openFile(fileName, "rb");
     if (file == nullptr) return false;
     long end = -1;
     if (std::fseek(file, 0, SEEK_END) == 0) end = std::ftell(file);

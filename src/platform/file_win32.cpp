@@ -7,6 +7,7 @@
 #include <string>
 
 #include "platform/file.h"
+#include "platform/system_name.h"
 
 namespace quelworks::platform {
 namespace {
@@ -58,24 +59,27 @@ WriteResult writeInPlace(HANDLE h, bool disk, std::string_view bytes) {
 }
 
 // The full name of the opened file with links and junctions resolved, without the "\\?\" prefix.
-std::string finalPath(HANDLE h) {
+std::wstring finalPath(HANDLE h) {
     const DWORD flags = FILE_NAME_NORMALIZED | VOLUME_NAME_DOS;
-    DWORD size = GetFinalPathNameByHandleA(h, nullptr, 0, flags);
-    if (size == 0) return std::string();
-    std::string path(size, '\0');
-    DWORD length = GetFinalPathNameByHandleA(h, &path[0], size, flags);
-    if (length == 0 || length >= size) return std::string();
+    DWORD size = GetFinalPathNameByHandleW(h, nullptr, 0, flags);
+    if (size == 0) return std::wstring();
+    std::wstring path(size, L'\0');
+    DWORD length = GetFinalPathNameByHandleW(h, &path[0], size, flags);
+    if (length == 0 || length >= size) return std::wstring();
     path.resize(length);
-    if (path.compare(0, 8, "\\\\?\\UNC\\") == 0) return "\\\\" + path.substr(8);
-    if (path.compare(0, 4, "\\\\?\\") == 0) return path.substr(4);
+    if (path.compare(0, 8, L"\\\\?\\UNC\\") == 0) return L"\\\\" + path.substr(8);
+    if (path.compare(0, 4, L"\\\\?\\") == 0) return path.substr(4);
     return path;
 }
 
 }  // namespace
 
 bool readWholeFile(const std::string& path, FileBytes& contents) {
-    // Without FILE_FLAG_BACKUP_SEMANTICS a folder does not open.
-    Handle file(CreateFileA(path.c_str(), GENERIC_READ, kShareAll, nullptr, OPEN_EXISTING,
+    // Names reach the system in UTF-16, read as the ANSI code page (the C++ interface) or as
+    // UTF-8 (the C interface). Without FILE_FLAG_BACKUP_SEMANTICS a folder does not open.
+    std::wstring name;
+    if (!quelworks::detail::systemName(path.c_str(), &name)) return false;
+    Handle file(CreateFileW(name.c_str(), GENERIC_READ, kShareAll, nullptr, OPEN_EXISTING,
                             FILE_ATTRIBUTE_NORMAL | FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
     if (!file.valid()) return false;
     LARGE_INTEGER size{};
@@ -105,7 +109,9 @@ bool readWholeFile(const std::string& path, FileBytes& contents) {
 WriteResult replaceWholeFile(const std::string& path, std::string_view bytes) {
     // Opening for writing without truncating tells whether the file can be written at all (a
     // read-only file or a folder cannot), and creates it when it is missing.
-    Handle target(CreateFileA(path.c_str(), GENERIC_WRITE, kShareAll, nullptr, OPEN_ALWAYS,
+    std::wstring name;
+    if (!quelworks::detail::systemName(path.c_str(), &name)) return WriteResult::CannotOpen;
+    Handle target(CreateFileW(name.c_str(), GENERIC_WRITE, kShareAll, nullptr, OPEN_ALWAYS,
                               FILE_ATTRIBUTE_NORMAL, nullptr));
     if (!target.valid()) return WriteResult::CannotOpen;
     const bool disk = GetFileType(target.get()) == FILE_TYPE_DISK;
@@ -114,35 +120,35 @@ WriteResult replaceWholeFile(const std::string& path, std::string_view bytes) {
     if (!disk || !GetFileInformationByHandle(target.get(), &info) || info.nNumberOfLinks > 1) {
         return writeInPlace(target.get(), disk, bytes);
     }
-    const std::string real = finalPath(target.get());
-    const std::size_t slash = real.find_last_of("\\/");
-    char temp[MAX_PATH + 1] = {};
-    if (real.empty() || slash == std::string::npos ||
-        GetTempFileNameA(real.substr(0, slash + 1).c_str(), "qw", 0, temp) == 0) {
+    const std::wstring real = finalPath(target.get());
+    const std::size_t slash = real.find_last_of(L"\\/");
+    wchar_t temp[MAX_PATH + 1] = {};
+    if (real.empty() || slash == std::wstring::npos ||
+        GetTempFileNameW(real.substr(0, slash + 1).c_str(), L"qw", 0, temp) == 0) {
         return writeInPlace(target.get(), disk, bytes);
     }
     {
-        Handle out(CreateFileA(temp, GENERIC_WRITE, 0, nullptr, TRUNCATE_EXISTING,
+        Handle out(CreateFileW(temp, GENERIC_WRITE, 0, nullptr, TRUNCATE_EXISTING,
                                FILE_ATTRIBUTE_NORMAL, nullptr));
         if (!out.valid()) {
-            DeleteFileA(temp);
+            DeleteFileW(temp);
             return writeInPlace(target.get(), disk, bytes);
         }
         if (!writeAll(out.get(), bytes) || !FlushFileBuffers(out.get())) {
             out.reset();
-            DeleteFileA(temp);
+            DeleteFileW(temp);
             return WriteResult::Failed;
         }
     }
     target.reset();
     // ReplaceFile keeps the original's attributes, security and creation time.
-    if (ReplaceFileA(real.c_str(), temp, nullptr, REPLACEFILE_IGNORE_MERGE_ERRORS, nullptr,
+    if (ReplaceFileW(real.c_str(), temp, nullptr, REPLACEFILE_IGNORE_MERGE_ERRORS, nullptr,
                      nullptr) ||
-        MoveFileExA(temp, real.c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH)) {
+        MoveFileExW(temp, real.c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH)) {
         return WriteResult::Written;
     }
-    DeleteFileA(temp);
-    Handle again(CreateFileA(real.c_str(), GENERIC_WRITE, kShareAll, nullptr, OPEN_EXISTING,
+    DeleteFileW(temp);
+    Handle again(CreateFileW(real.c_str(), GENERIC_WRITE, kShareAll, nullptr, OPEN_EXISTING,
                              FILE_ATTRIBUTE_NORMAL, nullptr));
     if (!again.valid()) return WriteResult::Failed;
     return writeInPlace(again.get(), disk, bytes);

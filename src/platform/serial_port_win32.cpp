@@ -2,8 +2,10 @@
 #include "platform/windows_include.h"
 
 #include <cstdint>
+#include <string>
 
 #include "platform/serial_port.h"
+#include "platform/system_name.h"
 
 namespace quelworks::detail {
 namespace {
@@ -80,8 +82,11 @@ static_assert(sizeof(DeviceControlBlock) == sizeof(DCB), "DCB layout");
 static_assert(sizeof(CommTimeouts) == sizeof(COMMTIMEOUTS), "COMMTIMEOUTS layout");
 
 PortHandle openPort(const char* devicePath) {
-    if (devicePath == nullptr) return invalidPortHandle();
-    HANDLE h = CreateFileA(devicePath, 0xC0000000 /* GENERIC_READ | GENERIC_WRITE */, 0, nullptr,
+    // The name reaches the system in UTF-16, converted from the ANSI code page (the C++
+    // interface) or from UTF-8 (the C interface).
+    std::wstring name;
+    if (!systemName(devicePath, &name)) return invalidPortHandle();
+    HANDLE h = CreateFileW(name.c_str(), 0xC0000000 /* GENERIC_READ | GENERIC_WRITE */, 0, nullptr,
                            3 /* OPEN_EXISTING */, 0, nullptr);
     return static_cast<PortHandle>(h);
 }

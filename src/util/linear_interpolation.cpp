@@ -7,6 +7,7 @@
 #include <string>
 
 #include "platform/locale.h"
+#include "platform/system_name.h"
 
 namespace {
 
@@ -77,7 +78,8 @@ bool LinearInterpolation::InitLUT(char* fileName, float xScale, float yScale, fl
         // every system. A line is used only when it was ended by a line feed.
         std::vector<std::string> lines;
         if (fileName != nullptr) {
-            std::ifstream file(fileName, std::ios::in | std::ios::binary);
+            std::ifstream file(quelworks::detail::pathFromName(fileName),
+                               std::ios::in | std::ios::binary);
             std::string line;
             while (std::getline(file, line) && file.good()) {
                 if (!line.empty() && line.back() == '\r') line.pop_back();
