@@ -346,6 +346,8 @@ TEST(Devsim, RefusesBadOptionsAtStartUp) {
         {"--wrong-echo 0x999", "--wrong-echo"},
         {"--max-baud 0", "--max-baud"},
         {"--reply-delay -1", "--reply-delay"},
+        {"--type 0x12345", "--type"},
+        {"--reject-block -3", "--reject-block"},
     };
     std::string err = tempPath("devsim_err");
     for (const auto& c : cases) {
@@ -358,6 +360,15 @@ TEST(Devsim, RefusesBadOptionsAtStartUp) {
     }
     std::remove(err.c_str());
     EXPECT_EQ(exitCode(std::system(QW_DEVSIM_PATH " --version >/dev/null")), 0);
+    // The help names what each option takes, without the parser's type names and bounds.
+    std::string help = tempPath("devsim_help");
+    EXPECT_EQ(exitCode(std::system((QW_DEVSIM_PATH " --help >" + help).c_str())), 0);
+    std::string text = readFile(help);
+    for (const char* noise : {"INT", "TEXT:", " in [", "UINT"}) {
+        EXPECT_EQ(text.find(noise), std::string::npos) << noise << "\n" << text;
+    }
+    EXPECT_NE(text.find("Enter Progmode"), std::string::npos) << text;
+    std::remove(help.c_str());
 }
 
 }  // namespace

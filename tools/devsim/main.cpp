@@ -37,24 +37,36 @@ int main(int argc, char** argv) {
     app.set_version_flag("--version", "quelworks-devsim " QUELWORKS_TOOL_VERSION);
 
     auto identity = "Identity";
-    app.add_option("--type", config.deviceType, "device type")->group(identity);
+    app.add_option("--type", config.deviceType, "device type (0 to 0xFFFF)")
+        ->check(CLI::Range(0u, 0xFFFFu).description(""))
+        ->group(identity);
     app.add_flag("--one-byte-type", config.oneByteType,
                  "answer the type request with one data byte (older devices)")
         ->group(identity);
-    app.add_option("--sub-type", config.subType, "device sub-type")->group(identity);
-    app.add_option("--revision", config.revision, "hardware revision")->group(identity);
-    app.add_option("--firmware", config.firmwareVersion, "firmware version")->group(identity);
-    app.add_option("--bootloader", config.bootloaderVersion,
-                   "bootloader version (above 1 expects the enter text)")
+    app.add_option("--sub-type", config.subType, "device sub-type (0 to 0xFFFF)")
+        ->check(CLI::Range(0u, 0xFFFFu).description(""))
         ->group(identity);
-    app.add_option("--serial", config.serialNumber, "serial number (8 characters)")
+    app.add_option("--revision", config.revision, "hardware revision (0 to 0xFFFF)")
+        ->check(CLI::Range(0u, 0xFFFFu).description(""))
+        ->group(identity);
+    app.add_option("--firmware", config.firmwareVersion, "firmware version (0 to 0xFFFF)")
+        ->check(CLI::Range(0u, 0xFFFFu).description(""))
+        ->group(identity);
+    app.add_option("--bootloader", config.bootloaderVersion,
+                   "bootloader version, 0 to 0xFFFF (above 1, entering programming mode "
+                   "also needs the text \"Enter Progmode\\r\\n\" after the enter request)")
+        ->check(CLI::Range(0u, 0xFFFFu).description(""))
+        ->group(identity);
+    app.add_option("--serial", config.serialNumber,
+                   "serial number (at most 8 characters; shorter ones are padded with "
+                   "zero bytes)")
         ->group(identity);
     app.add_option("--description", config.description, "free-text description")->group(identity);
-    app.add_option("--max-baud", config.maxBaudrate, "highest baud rate")
-        ->check(CLI::Range(1u, 4000000u))
+    app.add_option("--max-baud", config.maxBaudrate, "highest baud rate (1 to 4000000)")
+        ->check(CLI::Range(1u, 4000000u).description(""))
         ->group(identity);
-    app.add_option("--block-size", config.blockSize, "firmware block size in bytes")
-        ->check(CLI::Range(1u, 65536u))
+    app.add_option("--block-size", config.blockSize, "firmware block size in bytes (1 to 65536)")
+        ->check(CLI::Range(1u, 65536u).description(""))
         ->group(identity);
     app.add_option("--param2", config.programParameter2, "second program parameter")
         ->group(identity);
@@ -63,17 +75,22 @@ int main(int argc, char** argv) {
 
     auto faults = "Faults";
     app.add_option("--wrong-echo", config.wrongEchoFor,
-                   "spoil the echo of the replies to this request byte (e.g. 0x17)")
-        ->check(CLI::Range(0, 255))
+                   "spoil the echo of the replies to this request byte (e.g. 0x17; -1: "
+                   "none)")
+        ->check(CLI::Range(-1, 255).description(""))
         ->group(faults);
     app.add_option("--wrong-echo-times", config.wrongEchoTimes,
-                   "spoil only this many of them (default: all)")
+                   "spoil only this many of them (-1: all)")
+        ->check(CLI::Range(-1, 1000000).description(""))
         ->group(faults);
     app.add_flag("--silent", config.silent, "never answer")->group(faults);
-    app.add_option("--reply-delay", replyDelayMs, "delay every reply by this many ms")
-        ->check(CLI::Range(0, 600000))
+    app.add_option("--reply-delay", replyDelayMs,
+                   "delay every reply by this many ms (0 to 600000; 0: no delay)")
+        ->check(CLI::Range(0, 600000).description(""))
         ->group(faults);
-    app.add_option("--reject-block", config.rejectBlock, "refuse this block (1 = the first)")
+    app.add_option("--reject-block", config.rejectBlock,
+                   "refuse this block (1 = the first; 0: none)")
+        ->check(CLI::Range(0, 1000000).description(""))
         ->group(faults);
     app.add_flag("--never-enter", config.neverEnterProgramMode, "never enter programming mode")
         ->group(faults);
@@ -83,7 +100,9 @@ int main(int argc, char** argv) {
     app.add_flag("--refuse-header", config.refuseHeader, "refuse every firmware header")
         ->group(faults);
     app.add_option("--polls", config.pollsBeforeProgramMode,
-                   "program-mode queries answered \"not yet\" after the enter request")
+                   "how many program-mode requests (0x18) after the enter request are "
+                   "answered \"not yet\" before the device is in programming mode (0: none)")
+        ->check(CLI::Range(0, 1000000).description(""))
         ->group(faults);
 
     app.add_option("--line-rate", lineRate,
@@ -93,6 +112,16 @@ int main(int argc, char** argv) {
     app.add_option("--trace", tracePath,
                    "log every request the device sees to this file ('-': standard error)");
     app.add_option("--link", linkPath, "also make this path a symbolic link to the port");
+
+    // Help without the parser's type names: each text says what it takes.
+    for (CLI::Option* option : app.get_options()) {
+        std::string type = option->get_type_name();
+        if (type.empty()) continue;  // a flag
+        option->type_name(type.rfind("TEXT", 0) == 0 ? "TEXT" : "N");
+    }
+    for (const char* file : {"--image-out", "--trace", "--link"})
+        app.get_option(file)->type_name("FILE");
+    app.get_option("--line-rate")->type_name("N|device");
 
     try {
         app.parse(argc, argv);
