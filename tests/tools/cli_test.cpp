@@ -364,7 +364,7 @@ TEST(Devsim, RefusesBadOptionsAtStartUp) {
     std::string help = tempPath("devsim_help");
     EXPECT_EQ(exitCode(std::system((QW_DEVSIM_PATH " --help >" + help).c_str())), 0);
     std::string text = readFile(help);
-    for (const char* noise : {"INT", "TEXT:", " in [", "UINT"}) {
+    for (const char* noise : {" INT", "UINT", "TEXT:", " in ["}) {
         EXPECT_EQ(text.find(noise), std::string::npos) << noise << "\n" << text;
     }
     EXPECT_NE(text.find("Enter Progmode"), std::string::npos) << text;
