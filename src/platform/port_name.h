@@ -22,6 +22,10 @@ struct PortNameCheck {
     std::string error;      // the system's reason for Missing
 };
 
+// The path the serial link opens for the port `name` (the one rule for bare names, used by the
+// link itself and by CheckPortName); empty for an empty name.
+std::string ResolvePortPath(const std::string& name);
+
 // Resolves `name` as the serial link will when it opens the port, and looks at what is there.
 QUELWORKS_API PortNameCheck CheckPortName(const std::string& name);
 

@@ -9,13 +9,28 @@
 
 namespace quelworks {
 
+namespace {
+
+// "//./COM3" names the device COM3, as on Windows.
+std::string withoutDevicePrefix(const std::string& name) {
+    if (name.rfind("//./", 0) == 0 || name.rfind("\\\\.\\", 0) == 0) return name.substr(4);
+    return name;
+}
+
+}  // namespace
+
+// On this system a name without '/' is a node in /dev and a name with '/' is a path.
+std::string ResolvePortPath(const std::string& name) {
+    std::string bare = withoutDevicePrefix(name);
+    if (bare.empty()) return bare;
+    return bare.find('/') == std::string::npos ? "/dev/" + bare : bare;
+}
+
 PortNameCheck CheckPortName(const std::string& name) {
     PortNameCheck check;
-    std::string bare = name;
-    // "//./COM3" names the device COM3, as on Windows.
-    if (bare.rfind("//./", 0) == 0 || bare.rfind("\\\\.\\", 0) == 0) bare.erase(0, 4);
+    std::string bare = withoutDevicePrefix(name);
     check.bareName = bare.find('/') == std::string::npos;
-    check.path = check.bareName ? "/dev/" + bare : bare;
+    check.path = ResolvePortPath(name);
     struct stat info;
     if (bare.empty() || ::stat(check.path.c_str(), &info) != 0) {
         check.status = PortNameCheck::Status::Missing;

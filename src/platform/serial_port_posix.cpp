@@ -21,6 +21,7 @@
 #include <string>
 #include <unordered_map>
 
+#include "platform/port_name.h"
 #include "platform/serial_port.h"
 
 namespace quelworks::detail {
@@ -77,11 +78,7 @@ void wake(const OpenPort& port) {
 // "//./COM3" names the device COM3; on this system a name without '/' is a node in /dev and a
 // name with '/' is a path.
 std::string devicePathFor(const char* path) {
-    std::string name(path);
-    if (name.rfind("//./", 0) == 0 || name.rfind("\\\\.\\", 0) == 0) name.erase(0, 4);
-    if (name.empty()) return name;
-    if (name.find('/') == std::string::npos) return "/dev/" + name;
-    return name;
+    return quelworks::ResolvePortPath(path);
 }
 
 std::uint32_t speedOf(const termios2& t) {
