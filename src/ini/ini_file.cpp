@@ -4,7 +4,9 @@
 // is read, without building the array of records, and write the result in one write through a
 // temporary file (platform/file.h). Only Sort, which reorders everything, builds the array.
 #include <algorithm>
+#include <chrono>
 #include <cstring>
+#include <new>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -136,6 +138,27 @@ bool writeText(const std::string& fileName, std::string text) {
            quelworks::platform::WriteResult::Written;
 }
 
+// How long an edit waits for another editor of the same file to finish before it gives up.
+constexpr std::chrono::milliseconds kEditLockWait(5000);
+
+// Runs one edit (a read of the file, then a write of its new content) under the file's edit lock,
+// so that edits of the same file by other threads and processes come before or after it, never
+// in between. False, with nothing changed, when another editor holds the lock longer than
+// kEditLockWait, or when memory runs out; without a lock (a file system that has none, a file that
+// does not exist yet) the edit runs as it is. A malformed file's out_of_range still propagates.
+template <class Body>
+bool lockedEdit(const std::string& fileName, Body&& body) {
+    quelworks::platform::EditLock lock;
+    if (lock.acquire(fileName, kEditLockWait) == quelworks::platform::EditLock::Result::TimedOut) {
+        return false;
+    }
+    try {
+        return body();
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+}
+
 // Reads the file and hands every record to `edit(writer, record)`, which writes what the record
 // becomes (itself, a changed copy, or nothing). Returns false when the file cannot be read; then
 // `writer` holds nothing.
@@ -167,34 +190,49 @@ std::string prepareComments(std::string text) {
 // Edits the first record that passes `match`; false, with nothing written, when there is none.
 template <class Match, class Change>
 bool editFirst(const std::string& fileName, Match&& match, Change&& change) {
-    RecordWriter out(0, true);
-    bool found = false;
-    if (!rewrite(fileName, out, [&](RecordWriter& w, RecordView r) {
-            if (!found && match(r)) {
-                found = true;
-                change(w, r);
-            } else {
-                w.write(r);
-            }
-        })) {
-        return false;
-    }
-    return found && writeText(fileName, out.take());
+    return lockedEdit(fileName, [&] {
+        RecordWriter out(0, true);
+        bool found = false;
+        if (!rewrite(fileName, out, [&](RecordWriter& w, RecordView r) {
+                if (!found && match(r)) {
+                    found = true;
+                    change(w, r);
+                } else {
+                    w.write(r);
+                }
+            })) {
+            return false;
+        }
+        return found && writeText(fileName, out.take());
+    });
 }
 
 // Edits every record that passes `match`, and saves also when none did.
 template <class Match, class Change>
 bool editAll(const std::string& fileName, Match&& match, Change&& change) {
-    RecordWriter out(0, true);
-    if (!rewrite(fileName, out, [&](RecordWriter& w, RecordView r) {
-            if (match(r)) {
-                change(w, r);
-            } else {
-                w.write(r);
-            }
-        })) {
-        return false;
+    return lockedEdit(fileName, [&] {
+        RecordWriter out(0, true);
+        if (!rewrite(fileName, out, [&](RecordWriter& w, RecordView r) {
+                if (match(r)) {
+                    change(w, r);
+                } else {
+                    w.write(r);
+                }
+            })) {
+            return false;
+        }
+        return writeText(fileName, out.take());
+    });
+}
+
+// Writes records as a whole new file (the caller holds the edit lock).
+bool saveRecords(const std::string& fileName, const std::vector<Record>& content) {
+    std::size_t size = 0;
+    for (const Record& r : content) {
+        size += r.Comments.size() + r.Section.size() + r.Key.size() + r.Value.size() + 4;
     }
+    RecordWriter out(size, true);
+    for (const Record& r : content) out.write(viewOf(r));
     return writeText(fileName, out.take());
 }
 
@@ -221,9 +259,9 @@ bool CIniFile::Load(std::string FileName, std::vector<Record>& content) {
     FileBytes text;
     if (!readWholeFile(FileName, text)) return false;
     const std::string_view view = text.view();
+    // No room is reserved up front: most lines of some files (blank lines, comments) make no
+    // record, and a guess per line feed could ask for far more memory than the records need.
     std::vector<Record> records;
-    // One record per line at most.
-    records.reserve(static_cast<std::size_t>(std::count(view.begin(), view.end(), '\n')));
     std::string pending;
     parseIni(view, pending,
              [&](std::string_view comments, char commented, std::string_view section,
@@ -235,13 +273,7 @@ bool CIniFile::Load(std::string FileName, std::vector<Record>& content) {
 }
 
 bool CIniFile::Save(std::string FileName, std::vector<Record>& content) {
-    std::size_t size = 0;
-    for (const Record& r : content) {
-        size += r.Comments.size() + r.Section.size() + r.Key.size() + r.Value.size() + 4;
-    }
-    RecordWriter out(size, true);
-    for (const Record& r : content) out.write(viewOf(r));
-    return writeText(FileName, out.take());
+    return lockedEdit(FileName, [&] { return saveRecords(FileName, content); });
 }
 
 std::string CIniFile::Content(std::string FileName) {
@@ -332,48 +364,52 @@ bool CIniFile::SectionExists(std::string SectionName, std::string FileName) {
 
 bool CIniFile::SetValue(std::string KeyName, std::string Value, std::string SectionName,
                         std::string FileName) {
-    // In one pass: replace the value of the first matching key, and remember where the first
-    // record of the section ends, which is where a new key goes when there is no match.
-    RecordWriter out(0, true);
-    bool sectionSeen = false;
-    bool replaced = false;
-    std::size_t insertAt = 0;
-    if (!rewrite(FileName, out, [&](RecordWriter& w, RecordView r) {
-            if (!replaced && keyMatch(r, KeyName, SectionName)) {
-                r.value = Value;
-                replaced = true;
-            }
-            w.write(r);
-            if (!sectionSeen && r.section == SectionName) {
-                sectionSeen = true;
-                insertAt = w.size();
-            }
-        })) {
-        return false;
-    }
-    const RecordView entry{std::string_view(), ' ', SectionName, KeyName, Value};
-    if (!sectionSeen) {
-        // A new section with its key at the end of the file.
-        out.write(RecordView{std::string_view(), ' ', SectionName, std::string_view(), {}});
-        out.write(entry);
-        return writeText(FileName, out.take());
-    }
-    std::string text = out.take();
-    if (!replaced) {
-        RecordWriter line(KeyName.size() + Value.size(), true);
-        line.write(entry);
-        text.insert(insertAt, line.take());
-    }
-    return writeText(FileName, std::move(text));
+    return lockedEdit(FileName, [&] {
+        // In one pass: replace the value of the first matching key, and remember where the first
+        // record of the section ends, which is where a new key goes when there is no match.
+        RecordWriter out(0, true);
+        bool sectionSeen = false;
+        bool replaced = false;
+        std::size_t insertAt = 0;
+        if (!rewrite(FileName, out, [&](RecordWriter& w, RecordView r) {
+                if (!replaced && keyMatch(r, KeyName, SectionName)) {
+                    r.value = Value;
+                    replaced = true;
+                }
+                w.write(r);
+                if (!sectionSeen && r.section == SectionName) {
+                    sectionSeen = true;
+                    insertAt = w.size();
+                }
+            })) {
+            return false;
+        }
+        const RecordView entry{std::string_view(), ' ', SectionName, KeyName, Value};
+        if (!sectionSeen) {
+            // A new section with its key at the end of the file.
+            out.write(RecordView{std::string_view(), ' ', SectionName, std::string_view(), {}});
+            out.write(entry);
+            return writeText(FileName, out.take());
+        }
+        std::string text = out.take();
+        if (!replaced) {
+            RecordWriter line(KeyName.size() + Value.size(), true);
+            line.write(entry);
+            text.insert(insertAt, line.take());
+        }
+        return writeText(FileName, std::move(text));
+    });
 }
 
 bool CIniFile::AddSection(std::string SectionName, std::string FileName) {
-    RecordWriter out(0, true);
-    if (!rewrite(FileName, out, [](RecordWriter& w, const RecordView& r) { w.write(r); })) {
-        return false;
-    }
-    out.write(RecordView{std::string_view(), ' ', SectionName, std::string_view(), {}});
-    return writeText(FileName, out.take());
+    return lockedEdit(FileName, [&] {
+        RecordWriter out(0, true);
+        if (!rewrite(FileName, out, [](RecordWriter& w, const RecordView& r) { w.write(r); })) {
+            return false;
+        }
+        out.write(RecordView{std::string_view(), ' ', SectionName, std::string_view(), {}});
+        return writeText(FileName, out.take());
+    });
 }
 
 bool CIniFile::RenameSection(std::string OldSectionName, std::string NewSectionName,
@@ -459,40 +495,43 @@ bool CIniFile::SetRecordComments(std::string Comments, std::string KeyName, std:
 }
 
 bool CIniFile::Sort(std::string FileName, bool Descending) {
-    std::vector<Record> content;
-    if (!Load(FileName, content)) return false;
+    return lockedEdit(FileName, [&] {
+        std::vector<Record> content;
+        if (!Load(FileName, content)) return false;
 
-    // The headers, and for every section name the indices of its keys in file order: what the
-    // header list and the per-section key lists of the file are, gathered in one walk.
-    std::vector<std::size_t> headers;
-    std::unordered_map<std::string_view, std::vector<std::size_t>> keysOf;
-    for (std::size_t i = 0; i < content.size(); ++i) {
-        if (content[i].Key.empty()) {
-            headers.push_back(i);
-        } else {
-            keysOf[content[i].Section].push_back(i);
+        // The headers, and for every section name the indices of its keys in file order: what the
+        // header list and the per-section key lists of the file are, gathered in one walk.
+        std::vector<std::size_t> headers;
+        std::unordered_map<std::string_view, std::vector<std::size_t>> keysOf;
+        for (std::size_t i = 0; i < content.size(); ++i) {
+            if (content[i].Key.empty()) {
+                headers.push_back(i);
+            } else {
+                keysOf[content[i].Section].push_back(i);
+            }
         }
-    }
-    if (headers.empty()) return false;
+        if (headers.empty()) return false;
 
-    // std::string compares bytewise as unsigned characters, a shorter name first on a tie.
-    auto bySection = [&](std::size_t a, std::size_t b) {
-        return Descending ? content[b].Section < content[a].Section
-                          : content[a].Section < content[b].Section;
-    };
-    auto byKey = [&](std::size_t a, std::size_t b) {
-        return Descending ? content[b].Key < content[a].Key : content[a].Key < content[b].Key;
-    };
-    std::stable_sort(headers.begin(), headers.end(), bySection);
-    for (auto& entry : keysOf) std::stable_sort(entry.second.begin(), entry.second.end(), byKey);
+        // std::string compares bytewise as unsigned characters, a shorter name first on a tie.
+        auto bySection = [&](std::size_t a, std::size_t b) {
+            return Descending ? content[b].Section < content[a].Section
+                              : content[a].Section < content[b].Section;
+        };
+        auto byKey = [&](std::size_t a, std::size_t b) {
+            return Descending ? content[b].Key < content[a].Key : content[a].Key < content[b].Key;
+        };
+        std::stable_sort(headers.begin(), headers.end(), bySection);
+        for (auto& entry : keysOf)
+            std::stable_sort(entry.second.begin(), entry.second.end(), byKey);
 
-    std::vector<Record> sorted;
-    sorted.reserve(content.size());
-    for (std::size_t h : headers) {
-        sorted.push_back(content[h]);
-        auto keys = keysOf.find(content[h].Section);
-        if (keys == keysOf.end()) continue;
-        for (std::size_t k : keys->second) sorted.push_back(content[k]);
-    }
-    return Save(FileName, sorted);
+        std::vector<Record> sorted;
+        sorted.reserve(content.size());
+        for (std::size_t h : headers) {
+            sorted.push_back(content[h]);
+            auto keys = keysOf.find(content[h].Section);
+            if (keys == keysOf.end()) continue;
+            for (std::size_t k : keys->second) sorted.push_back(content[k]);
+        }
+        return saveRecords(FileName, sorted);
+    });
 }

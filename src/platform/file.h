@@ -3,7 +3,9 @@
 #ifndef QUELWORKS_SRC_PLATFORM_FILE_H
 #define QUELWORKS_SRC_PLATFORM_FILE_H
 
+#include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -26,7 +28,8 @@ struct FileBytes {
 
 // Reads the whole file into `contents` (replacing what it held) with as few reads as the OS
 // allows. False, with `contents` untouched, when the file cannot be opened for reading: it does
-// not exist, access is denied, or the name is a folder.
+// not exist, access is denied, or the name is not a regular file (a folder, a FIFO, a device or a
+// socket fails at once; opening never blocks).
 bool readWholeFile(const std::string& path, FileBytes& contents);
 
 enum class WriteResult {
@@ -42,9 +45,38 @@ enum class WriteResult {
 // original's permissions (and owner, where that can be set) are given to the new file; a symbolic
 // link is followed and the file it points to is replaced, the link stays. When no temporary file
 // can be made there (a folder without write access, a file with several hard links, something that
-// is not a regular file), the file is rewritten in place instead, which is not crash-safe; a
-// failure then reports Failed although the file may be cut short.
+// is not a regular file, an owner, group or extended attribute that cannot be given to a new
+// file), the file is rewritten in place instead, which is not crash-safe; a failure then reports
+// Failed although the file may be cut short.
 WriteResult replaceWholeFile(const std::string& path, std::string_view bytes);
+
+// An exclusive lock for one read-modify-write of a file, held until the object is destroyed.
+//
+// Editors that take it one after another never lose each other's changes; readers take no lock
+// and see the old or the new file whole, because files are replaced whole. The lock is the
+// operating system's own on the file itself (released when the process dies, so nothing stale is
+// left behind, and no lock file is created). Since a save puts a new file in the old one's place,
+// a lock taken on the old file protects nothing once it is replaced: after acquiring, the lock
+// checks that the name still leads to the locked file and otherwise starts again on the new one.
+class EditLock {
+public:
+    enum class Result {
+        Locked,       // the lock is held
+        Unavailable,  // no lock can be taken (no such file yet, not a regular file, or a file
+                      // system without locks): the caller goes on without one, as before
+        TimedOut,     // another editor held it for longer than the wait allowed
+    };
+
+    EditLock() = default;
+    EditLock(const EditLock&) = delete;
+    EditLock& operator=(const EditLock&) = delete;
+    ~EditLock();
+
+    Result acquire(const std::string& path, std::chrono::milliseconds wait);
+
+private:
+    std::intptr_t handle_ = -1;  // a descriptor on POSIX, a HANDLE on Windows
+};
 
 }  // namespace quelworks::platform
 

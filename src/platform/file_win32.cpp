@@ -5,6 +5,7 @@
 #include <cstring>
 #include <memory>
 #include <string>
+#include <thread>
 
 #include "platform/file.h"
 #include "platform/system_name.h"
@@ -24,6 +25,11 @@ public:
     ~Handle() { reset(); }
     HANDLE get() const { return h_; }
     bool valid() const { return h_ != INVALID_HANDLE_VALUE; }
+    HANDLE release() {
+        HANDLE h = h_;
+        h_ = INVALID_HANDLE_VALUE;
+        return h;
+    }
     void reset() {
         if (valid()) CloseHandle(h_);
         h_ = INVALID_HANDLE_VALUE;
@@ -81,7 +87,7 @@ bool readWholeFile(const std::string& path, FileBytes& contents) {
     if (!quelworks::detail::systemName(path.c_str(), &name)) return false;
     Handle file(CreateFileW(name.c_str(), GENERIC_READ, kShareAll, nullptr, OPEN_EXISTING,
                             FILE_ATTRIBUTE_NORMAL | FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
-    if (!file.valid()) return false;
+    if (!file.valid() || GetFileType(file.get()) != FILE_TYPE_DISK) return false;
     LARGE_INTEGER size{};
     std::size_t capacity = 65536;
     if (GetFileSizeEx(file.get(), &size) && size.QuadPart >= 0) {
@@ -152,6 +158,58 @@ WriteResult replaceWholeFile(const std::string& path, std::string_view bytes) {
                              FILE_ATTRIBUTE_NORMAL, nullptr));
     if (!again.valid()) return WriteResult::Failed;
     return writeInPlace(again.get(), disk, bytes);
+}
+
+EditLock::~EditLock() {
+    if (handle_ != -1) CloseHandle(reinterpret_cast<HANDLE>(handle_));
+}
+
+EditLock::Result EditLock::acquire(const std::string& path, std::chrono::milliseconds wait) {
+    using Clock = std::chrono::steady_clock;
+    const Clock::time_point deadline = Clock::now() + wait;
+    std::wstring name;
+    if (!quelworks::detail::systemName(path.c_str(), &name)) return Result::Unavailable;
+    // Windows byte-range locks are mandatory: the one byte locked lies far beyond any file's end,
+    // so readers are never refused while an editor holds it.
+    OVERLAPPED at{};
+    at.Offset = 0;
+    at.OffsetHigh = 0x7FFFFFFF;
+    std::chrono::microseconds pause(200);
+    for (;;) {
+        Handle file(CreateFileW(name.c_str(), GENERIC_READ, kShareAll, nullptr, OPEN_EXISTING,
+                                FILE_ATTRIBUTE_NORMAL, nullptr));
+        BY_HANDLE_FILE_INFORMATION locked{};
+        if (!file.valid() || GetFileType(file.get()) != FILE_TYPE_DISK ||
+            !GetFileInformationByHandle(file.get(), &locked)) {
+            return Result::Unavailable;
+        }
+        for (;;) {
+            OVERLAPPED range = at;
+            if (LockFileEx(file.get(), LOCKFILE_EXCLUSIVE_LOCK | LOCKFILE_FAIL_IMMEDIATELY, 0, 1, 0,
+                           &range)) {
+                break;
+            }
+            if (GetLastError() != ERROR_LOCK_VIOLATION && GetLastError() != ERROR_IO_PENDING) {
+                return Result::Unavailable;  // no locks on this file system
+            }
+            if (Clock::now() >= deadline) return Result::TimedOut;
+            std::this_thread::sleep_for(pause);
+            if (pause < std::chrono::milliseconds(4)) pause *= 2;
+        }
+        // The previous holder may have replaced the file: then the name leads elsewhere and the
+        // lock just taken guards a file nobody will read again.
+        Handle now(CreateFileW(name.c_str(), 0, kShareAll, nullptr, OPEN_EXISTING,
+                               FILE_ATTRIBUTE_NORMAL, nullptr));
+        BY_HANDLE_FILE_INFORMATION current{};
+        if (now.valid() && GetFileInformationByHandle(now.get(), &current) &&
+            current.dwVolumeSerialNumber == locked.dwVolumeSerialNumber &&
+            current.nFileIndexHigh == locked.nFileIndexHigh &&
+            current.nFileIndexLow == locked.nFileIndexLow) {
+            handle_ = reinterpret_cast<std::intptr_t>(file.release());
+            return Result::Locked;
+        }
+        if (Clock::now() >= deadline) return Result::TimedOut;
+    }
 }
 
 }  // namespace quelworks::platform
