@@ -7,6 +7,7 @@
 #include <charconv>
 #include <cmath>
 #include <cstddef>
+#include <cstring>
 #include <string>
 #include <system_error>
 #include <vector>
@@ -55,7 +56,8 @@ inline bool parsePolygonText(const std::string& text, std::vector<pointf>& verti
             start = next;
             continue;
         }
-        if (text.find('\0', start) < end) {
+        // Only this line is searched, so reading stays linear in the size of the text.
+        if (std::memchr(text.data() + start, '\0', end - start) != nullptr) {
             error = "line " + std::to_string(lineNumber) + ": unexpected NUL byte";
             return false;
         }
