@@ -5,6 +5,12 @@
 // port. A blocked read is interrupted before the caller's thread takes the port lock, so closing
 // never waits for a read time-out. The object that started a thread owns it and joins it before
 // it is destroyed or starts another.
+//
+// The state the background thread works with is reference-counted: the thread holds a reference
+// of its own, so a link deleted from inside its own callback leaves the state alive until the
+// thread has seen, through it, that the link is gone (it then touches nothing of the link again).
+// Starting and stopping threads, and threadHandle, are guarded by one lock; a link being destroyed
+// refuses every further Connect, and its destructor waits for every thread it started.
 #include "quelworks/serial/rs232_async.h"
 
 #include <chrono>
@@ -22,6 +28,15 @@
 namespace quelworks::detail {
 
 struct AsyncLinkState {
+    // Thread start and stop, threadHandle, and the two flags and the count below.
+    std::mutex lifecycleLock;
+    std::condition_variable threadsDone;
+    bool destroying = false;  // the destructor has begun: Connect refuses
+    int activeThreads = 0;    // threads started and not yet finished (detached ones included)
+    // Set when the link was destroyed from its own background thread: that thread returns from
+    // the callback to find the link gone and must not touch it again.
+    std::atomic<bool> linkGone{false};
+    std::atomic<int> references{1};  // the link's own, plus one for each running thread
     std::mutex queueLock;
     std::mutex framerLock;
     std::mutex portLock;
@@ -60,9 +75,20 @@ void retainQueued(const std::map<unsigned char*, std::int32_t>& queue) {
 // The link whose background thread is the current thread, if any.
 thread_local const AsyncLinkState* currentWorker = nullptr;
 
-int threadEntry(RS232Async* link, const AsyncLinkState* state) {
+void releaseState(AsyncLinkState* state) {
+    if (state->references.fetch_sub(1) == 1) delete state;
+}
+
+int threadEntry(RS232Async* link, AsyncLinkState* state) {
     currentWorker = state;
     link->SendReceiveRoutine();
+    currentWorker = nullptr;
+    {
+        std::lock_guard<std::mutex> guard(state->lifecycleLock);
+        --state->activeThreads;
+    }
+    state->threadsDone.notify_all();
+    releaseState(state);
     return 0;
 }
 
@@ -80,11 +106,15 @@ RS232Async::RS232Async()
 
 RS232Async::RS232Async(const RS232Async& other)
     : Communicator(other),
-      threadHandle(other.threadHandle),
+      threadHandle(nullptr),
       running(other.running.load()),
       ReceiveCallback(other.ReceiveCallback),
       DisconnectCallback(other.DisconnectCallback),
       state(new AsyncLinkState) {
+    {
+        std::lock_guard<std::mutex> guard(other.state->lifecycleLock);
+        threadHandle = other.threadHandle;
+    }
     {
         std::lock_guard<std::mutex> guard(other.state->framerLock);
         framer = other.framer;
@@ -104,11 +134,15 @@ RS232Async::RS232Async(const RS232Async& other)
 
 RS232Async::RS232Async(RS232Async&& other) noexcept
     : Communicator(other),
-      threadHandle(other.threadHandle),
+      threadHandle(nullptr),
       running(other.running.load()),
       ReceiveCallback(other.ReceiveCallback),
       DisconnectCallback(other.DisconnectCallback),
       state(new AsyncLinkState) {
+    {
+        std::lock_guard<std::mutex> guard(other.state->lifecycleLock);
+        threadHandle = other.threadHandle;
+    }
     {
         std::lock_guard<std::mutex> guard(other.state->framerLock);
         framer = std::move(other.framer);
@@ -132,7 +166,10 @@ void RS232Async::assignLinkFrom(const RS232Async& other) {
         state->portOpen = port.IsConnected();
         state->activeHandle = port.portHandle;
     }
-    threadHandle = other.threadHandle;
+    {
+        std::scoped_lock guard(state->lifecycleLock, other.state->lifecycleLock);
+        threadHandle = other.threadHandle;
+    }
     running = other.running.load();
     ReceiveCallback = other.ReceiveCallback;
     DisconnectCallback = other.DisconnectCallback;
@@ -170,21 +207,36 @@ RS232Async& RS232Async::operator=(RS232Async&& other) noexcept {
 }
 
 RS232Async::~RS232Async() {
-    running = 0;
-    state->wake.notify_all();
-    quelworks::detail::interruptPort(state->activeHandle.load());
-    if (state->worker.joinable()) {
-        if (currentWorker == state) {
-            state->worker.detach();  // destroyed from its own callback: nothing left to wait for
+    AsyncLinkState* const st = state;
+    const bool onWorker = currentWorker == st;
+    std::thread worker;
+    {
+        std::lock_guard<std::mutex> guard(st->lifecycleLock);
+        st->destroying = true;
+        running = 0;
+        worker = std::move(st->worker);
+    }
+    st->wake.notify_all();
+    if (worker.joinable()) {
+        if (worker.get_id() == std::this_thread::get_id()) {
+            worker.detach();  // destroyed from its own callback: nothing left to wait for
         } else {
-            state->worker.join();
+            quelworks::detail::interruptPort(st->activeHandle.load());
+            worker.join();
         }
     }
+    if (onWorker) st->linkGone = true;
     {
-        std::lock_guard<std::mutex> guard(state->queueLock);
+        // Threads an earlier Connect left to finish on their own (detached when it ran on one of
+        // them) may still be on their way out: wait for all but the current one.
+        std::unique_lock<std::mutex> guard(st->lifecycleLock);
+        st->threadsDone.wait(guard, [&] { return st->activeThreads <= (onWorker ? 1 : 0); });
+    }
+    {
+        std::lock_guard<std::mutex> guard(st->queueLock);
         releaseQueued(sendQueue);
     }
-    delete state;
+    releaseState(st);
     // The port (name released, then closed) and the framer go with their members.
 }
 
@@ -193,41 +245,61 @@ bool RS232Async::IsConnected() {
 }
 
 bool RS232Async::Connect(char* portName) {
-    const bool onWorker = currentWorker == state;
+    AsyncLinkState* const st = state;
+    const bool onWorker = currentWorker == st;
     // Stop a thread from an earlier Connect before the port changes under it.
-    ++state->generation;
-    running = 0;
-    threadHandle = nullptr;
-    state->wake.notify_all();
-    if (!onWorker) quelworks::detail::interruptPort(state->activeHandle.load());
-    if (state->worker.joinable()) {
-        if (onWorker) {
-            state->worker.detach();
+    std::thread old;
+    {
+        std::lock_guard<std::mutex> guard(st->lifecycleLock);
+        if (st->destroying) return false;
+        ++st->generation;
+        running = 0;
+        threadHandle = nullptr;
+        old = std::move(st->worker);
+    }
+    st->wake.notify_all();
+    if (old.joinable()) {
+        if (old.get_id() == std::this_thread::get_id()) {
+            old.detach();
         } else {
-            state->worker.join();
+            quelworks::detail::interruptPort(st->activeHandle.load());
+            old.join();
         }
+    } else if (!onWorker) {
+        quelworks::detail::interruptPort(st->activeHandle.load());
     }
     {
-        std::lock_guard<std::mutex> guard(state->portLock);
+        std::lock_guard<std::mutex> guard(st->portLock);
         if (port.IsConnected()) port.Disconnect();
-        state->portOpen = false;
+        st->portOpen = false;
     }
     try {
         bool opened;
         {
-            std::lock_guard<std::mutex> guard(state->portLock);
+            std::lock_guard<std::mutex> guard(st->portLock);
             opened = port.Connect(portName);
-            state->portOpen = port.IsConnected();
-            state->activeHandle = port.portHandle;
+            st->portOpen = port.IsConnected();
+            st->activeHandle = port.portHandle;
         }
         if (!opened) return false;
         {
-            std::lock_guard<std::mutex> guard(state->queueLock);
+            std::lock_guard<std::mutex> guard(st->queueLock);
             releaseQueued(sendQueue);
         }
-        running = 1;
-        state->worker = std::thread(threadEntry, this, state);
-        threadHandle = &state->worker;
+        std::thread replaced;
+        {
+            std::lock_guard<std::mutex> guard(st->lifecycleLock);
+            if (st->destroying) return false;
+            // Another Connect may have started a thread meanwhile: this one takes over.
+            ++st->generation;
+            replaced = std::move(st->worker);
+            running = 1;
+            ++st->activeThreads;
+            ++st->references;
+            st->worker = std::thread(threadEntry, this, st);
+            threadHandle = &st->worker;
+        }
+        if (replaced.joinable()) replaced.join();
         return true;
     } catch (...) {
         Disconnect(2);
@@ -240,8 +312,11 @@ void RS232Async::Disconnect() {
         std::lock_guard<std::mutex> guard(state->queueLock);
         releaseQueued(sendQueue);
     }
-    running = 0;
-    threadHandle = nullptr;
+    {
+        std::lock_guard<std::mutex> guard(state->lifecycleLock);
+        running = 0;
+        threadHandle = nullptr;
+    }
     state->wake.notify_all();
     const bool onWorker = currentWorker == state;
     if (!onWorker) quelworks::detail::interruptPort(state->activeHandle.load());
@@ -305,8 +380,12 @@ int RS232Async::GetSendBufferUse() {
 }
 
 void RS232Async::SendReceiveRoutine() {
-    const unsigned generation = state->generation.load();
-    auto keepGoing = [&] { return running != 0 && state->generation.load() == generation; };
+    AsyncLinkState* const st = state;
+    const unsigned generation = st->generation.load();
+    // Checked before anything of the link is read: once the link is gone, only `st` is left.
+    auto keepGoing = [&] {
+        return !st->linkGone && running != 0 && st->generation.load() == generation;
+    };
     unsigned char* lastSent = nullptr;
     while (keepGoing()) {
         // 1. At most one message out: the one at the lowest address.
@@ -314,7 +393,7 @@ void RS232Async::SendReceiveRoutine() {
         std::int32_t length = 0;
         bool taken = false;
         {
-            std::lock_guard<std::mutex> guard(state->queueLock);
+            std::lock_guard<std::mutex> guard(st->queueLock);
             if (!sendQueue.empty()) {
                 auto first = sendQueue.begin();
                 message = first->first;
@@ -329,7 +408,7 @@ void RS232Async::SendReceiveRoutine() {
             if (message != nullptr) {
                 bool sent;
                 {
-                    std::lock_guard<std::mutex> guard(state->portLock);
+                    std::lock_guard<std::mutex> guard(st->portLock);
                     sent = port.Send(message, length);
                 }
                 if (!sent) {
@@ -350,13 +429,13 @@ void RS232Async::SendReceiveRoutine() {
         unsigned char byte = 0;
         bool received;
         {
-            std::lock_guard<std::mutex> guard(state->portLock);
+            std::lock_guard<std::mutex> guard(st->portLock);
             received = port.Receive(&byte, 1, kReadTimeoutMs);
         }
         if (received) {
             std::vector<unsigned char> reply;
             {
-                std::lock_guard<std::mutex> guard(state->framerLock);
+                std::lock_guard<std::mutex> guard(st->framerLock);
                 reply = framer.AddToBuffer(byte);
             }
             if (!reply.empty()) {
@@ -366,13 +445,17 @@ void RS232Async::SendReceiveRoutine() {
                     if (ReceiveCallback != nullptr)
                         ReceiveCallback(block, static_cast<int>(reply.size()));
                     std::free(block);
+                    if (st->linkGone) {
+                        releaseBlock(lastSent);
+                        return;  // the callback destroyed the link
+                    }
                 }
             }
         }
 
         // 3. The pause between cycles.
-        std::unique_lock<std::mutex> pause(state->sleepLock);
-        state->wake.wait_for(pause, kCyclePause, [&] { return !keepGoing(); });
+        std::unique_lock<std::mutex> pause(st->sleepLock);
+        st->wake.wait_for(pause, kCyclePause, [&] { return !keepGoing(); });
     }
     releaseBlock(lastSent);
 }

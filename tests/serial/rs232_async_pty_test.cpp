@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstdio>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -120,6 +121,77 @@ TEST_F(AsyncPty, DestroyingRunningLinksIsSafe) {
         }
     }
     EXPECT_EQ(qwtest::openDescriptorCount(), before);
+}
+
+// A link may be deleted from inside its own ReceiveCallback, and the owner may delete a link
+// while its DisconnectCallback reconnects it: the background thread never touches the freed link
+// (AddressSanitizer and ThreadSanitizer watch these loops).
+std::optional<RS232Async> selfDeleting;
+std::atomic<int> callbacksDone{0};
+void deleteLinkFromCallback(unsigned char*, int) {
+    selfDeleting.reset();
+    ++callbacksDone;
+}
+
+TEST(AsyncLifetime, DeletedInsideItsOwnReceiveCallback) {
+    for (int round = 0; round < 10; ++round) {
+        qwtest::PtyPair pty;
+        std::string name = pty.path();
+        callbacksDone = 0;
+        selfDeleting.emplace();
+        selfDeleting->AddCommand(0x41, 1);
+        selfDeleting->ReceiveCallback = deleteLinkFromCallback;
+        ASSERT_TRUE(selfDeleting->Connect(name.data()));
+        pty.write({0x41, 0x41});
+        ASSERT_TRUE(waitFor([] { return callbacksDone.load() == 1; }));
+        std::this_thread::sleep_for(80ms);  // the thread's pause and next cycle would follow
+        EXPECT_EQ(callbacksDone.load(), 1);
+    }
+}
+
+std::optional<RS232Async> reconnecting;
+std::string reconnectTo;
+std::atomic<bool> inDisconnectCallback{false};
+std::atomic<int> reconnectResults{0};
+void reconnectFromCallback(int) {
+    inDisconnectCallback = true;
+    std::this_thread::sleep_for(2ms);
+    if (reconnecting->Connect(reconnectTo.data())) ++reconnectResults;
+}
+
+TEST(AsyncLifetime, OwnerDeletesWhileTheDisconnectCallbackReconnects) {
+    for (int round = 0; round < 10; ++round) {
+        qwtest::PtyPair first;
+        qwtest::PtyPair second;
+        std::string name = first.path();
+        reconnectTo = second.path();
+        inDisconnectCallback = false;
+        reconnecting.emplace();
+        reconnecting->DisconnectCallback = reconnectFromCallback;
+        ASSERT_TRUE(reconnecting->Connect(name.data()));
+        first.hangUp();  // the next send fails: the thread drops the link and calls back
+        unsigned char byte = 0x55;
+        reconnecting->Send(&byte, 1);
+        ASSERT_TRUE(waitFor([] { return inDisconnectCallback.load(); }));
+        reconnecting.reset();  // races with the Connect on the background thread
+    }
+}
+
+// After a failed send the thread disconnects the link while the owner does too.
+TEST(AsyncLifetime, OwnerAndThreadDisconnectAtOnce) {
+    for (int round = 0; round < 10; ++round) {
+        qwtest::PtyPair pty;
+        std::string name = pty.path();
+        RS232Async link;
+        ASSERT_TRUE(link.Connect(name.data()));
+        pty.hangUp();
+        unsigned char byte = 0x55;
+        link.Send(&byte, 1);
+        for (int i = 0; i < 20; ++i) {
+            link.Disconnect();
+            std::this_thread::sleep_for(3ms);
+        }
+    }
 }
 
 }  // namespace
