@@ -374,8 +374,10 @@ bool Bootloader::UpdateFirmware(int value, char* fileName) {
     // A zero or negative block size would never cut the image.
     if (blockSize <= 0 || fileName == nullptr) return false;
 
-    // The name's meaning (ANSI code page or UTF-8) is the platform layer's business.
-    std::FILE* file = quelworks::detail::openFile(fileName, "rb");
+    // The name's meaning (ANSI code page or UTF-8) is the platform layer's business. Only a
+    // regular file is taken: a folder could report a size and be read as zeros, a FIFO would
+    // block.
+    std::FILE* file = quelworks::detail::openRegularFile(fileName);
     if (file == nullptr) return false;
     long end = -1;
     if (std::fseek(file, 0, SEEK_END) == 0) end = std::ftell(file);
@@ -385,11 +387,11 @@ bool Bootloader::UpdateFirmware(int value, char* fileName) {
     }
     const int imageSize = static_cast<int>(end);
     std::vector<unsigned char> image(static_cast<std::size_t>(imageSize));
-    if (imageSize > 0) {
-        std::size_t got = std::fread(image.data(), 1, image.size(), file);
-        (void)got;  // a short read leaves zero bytes at the end, like a file that shrank
-    }
+    // A read error (or a file that shrank meanwhile) fails the update before anything is sent.
+    const bool complete =
+        imageSize == 0 || std::fread(image.data(), 1, image.size(), file) == image.size();
     std::fclose(file);
+    if (!complete) return false;
 
     // Cut the image into blocks before talking to the device.
     std::vector<int> offsets;

@@ -30,6 +30,9 @@ bool namesAreUtf8() noexcept;
 
 // fopen for a narrow name with the calling thread's meaning (null when it cannot be opened).
 std::FILE* openFile(const char* name, const char* mode);
+// Opens an existing regular file for reading in binary ("rb"), with the same name rules. A folder,
+// FIFO, device or socket is refused at once (null), and opening never blocks.
+std::FILE* openRegularFile(const char* name);
 // The name as a path for the standard library's file streams (empty when it is not valid).
 std::filesystem::path pathFromName(const char* name);
 

@@ -1,4 +1,8 @@
 // Names on POSIX are bytes: the UTF-8 flag is kept only so that callers behave the same everywhere.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include "platform/system_name.h"
 
 namespace quelworks::detail {
@@ -16,6 +20,23 @@ Utf8NameScope::~Utf8NameScope() {
 
 bool namesAreUtf8() noexcept {
     return utf8Names;
+}
+
+std::FILE* openRegularFile(const char* name) {
+    if (name == nullptr) return nullptr;
+    // Non-blocking, so that a FIFO without a writer cannot hold the caller; then checked.
+    int fd = ::open(name, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) return nullptr;
+    struct stat st {};
+    int flags = ::fcntl(fd, F_GETFL);
+    if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || flags == -1 ||
+        ::fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) != 0) {
+        ::close(fd);
+        return nullptr;
+    }
+    std::FILE* file = ::fdopen(fd, "rb");
+    if (file == nullptr) ::close(fd);
+    return file;
 }
 
 std::FILE* openFile(const char* name, const char* mode) {

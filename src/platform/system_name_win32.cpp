@@ -1,6 +1,8 @@
 // Names on Windows: narrow names (UTF-8 or the ANSI code page) to UTF-16 and back.
 #include "platform/windows_include.h"
 
+#include <io.h>
+
 #include "platform/system_name.h"
 
 namespace quelworks::detail {
@@ -55,6 +57,18 @@ bool narrowName(const wchar_t* wide, std::string* name) {
     }
     name->resize(static_cast<std::size_t>(length - 1));
     return true;
+}
+
+std::FILE* openRegularFile(const char* name) {
+    std::FILE* file = openFile(name, "rb");
+    if (file == nullptr) return nullptr;
+    // Only files on disk: no pipes, consoles or devices.
+    HANDLE h = reinterpret_cast<HANDLE>(_get_osfhandle(_fileno(file)));
+    if (h == INVALID_HANDLE_VALUE || GetFileType(h) != FILE_TYPE_DISK) {
+        std::fclose(file);
+        return nullptr;
+    }
+    return file;
 }
 
 std::FILE* openFile(const char* name, const char* mode) {

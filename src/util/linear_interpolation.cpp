@@ -1,7 +1,7 @@
 #include "quelworks/util/linear_interpolation.h"
 
 #include <cfloat>
-#include <fstream>
+#include <cstdio>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -77,11 +77,19 @@ bool LinearInterpolation::InitLUT(char* fileName, float xScale, float yScale, fl
         // Read in binary and drop one CR before each LF, so that a CR LF file reads the same on
         // every system. A line is used only when it was ended by a line feed.
         std::vector<std::string> lines;
-        if (fileName != nullptr) {
-            std::ifstream file(quelworks::detail::pathFromName(fileName),
-                               std::ios::in | std::ios::binary);
-            std::string line;
-            while (std::getline(file, line) && file.good()) {
+        // Only a regular file is read (a FIFO would block); anything else reads as no lines,
+        // as a file that cannot be opened does.
+        if (std::FILE* file =
+                fileName != nullptr ? quelworks::detail::openRegularFile(fileName) : nullptr) {
+            std::string text;
+            char chunk[65536];
+            for (std::size_t got; (got = std::fread(chunk, 1, sizeof chunk, file)) > 0;) {
+                text.append(chunk, got);
+            }
+            std::fclose(file);
+            for (std::size_t start = 0, end; (end = text.find('\n', start)) != std::string::npos;
+                 start = end + 1) {
+                std::string line = text.substr(start, end - start);
                 if (!line.empty() && line.back() == '\r') line.pop_back();
                 lines.push_back(std::move(line));
             }

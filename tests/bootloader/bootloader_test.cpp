@@ -6,6 +6,7 @@
 
 #include <asm/termbits.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <chrono>
 #include <cstdio>
@@ -341,6 +342,14 @@ TEST(Bootloader, UpdateFirmwareFailures) {
     EXPECT_FALSE(boot.UpdateFirmware(0, empty.name()));
     EXPECT_FALSE(boot.UpdateFirmware(0, missing));
     EXPECT_FALSE(boot.UpdateFirmware(0, nullptr));
+    // Only regular files: a folder (which may report a size) and a FIFO (which would block).
+    std::string fifo = ::testing::TempDir() + "qw_boot_fifo";
+    std::remove(fifo.c_str());
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    std::string folder = ::testing::TempDir();
+    EXPECT_FALSE(boot.UpdateFirmware(0, fifo.data()));
+    EXPECT_FALSE(boot.UpdateFirmware(0, folder.data()));
+    std::remove(fifo.c_str());
     EXPECT_TRUE(sim.seen().empty());
 
     boot.ProgressCallback = recordProgress;

@@ -12,6 +12,10 @@
 
 #include "quelworks/util/linear_interpolation.h"
 
+#if !defined(_WIN32)
+#include <sys/stat.h>
+#endif
+
 namespace {
 
 class LookupTable : public ::testing::Test {
@@ -102,6 +106,19 @@ TEST_F(LookupTable, MissingOrEmptyFileGivesAnEmptyRange) {
     EXPECT_EQ(lut.GetyValue(1), 0);
     std::string missing = path_ + ".missing";
     EXPECT_TRUE(lut.InitLUT(&missing[0], 1, 1));
+#if !defined(_WIN32)
+    // A folder or a FIFO (which must not block) reads as no lines at all, like a missing file.
+    std::string fifo = path_ + ".fifo";
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    std::string folder = ::testing::TempDir();
+    for (std::string* name : {&fifo, &folder}) {
+        ASSERT_TRUE(load(lut, "0;0\n10;100\n"));
+        EXPECT_TRUE(lut.InitLUT(&(*name)[0], 1, 1, &maxX, &minX, &maxY, &minY));
+        EXPECT_EQ(maxX, 0);
+        EXPECT_EQ(lut.GetyValue(5), 0);
+    }
+    std::remove(fifo.c_str());
+#endif
 
     // Entries added later are searched, but only inside the loaded bounds.
     ASSERT_TRUE(load(lut, "0;0\n10;100\n"));
