@@ -45,6 +45,7 @@ public:
         std::string error;
         EXPECT_TRUE(server_.open(&error)) << error;
         port_ = server_.portPath();
+        server_.withDevice([](Device& d) { d.recordReceived(std::size_t{1} << 24); });
         server_.start();
     }
     char* port() { return port_.data(); }

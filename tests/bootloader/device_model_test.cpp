@@ -62,4 +62,22 @@ TEST(DeviceModel, ABadChecksumIsRefused) {
     EXPECT_EQ(device.imagesWritten(), 0);
 }
 
+// A host that never stops sending: the device keeps only what it was asked to record.
+TEST(DeviceModel, RecordsReceivedBytesOnlyWhenAskedAndBounded) {
+    Device quiet{DeviceConfig{}};
+    Device recording{DeviceConfig{}};
+    recording.recordReceived(1000);
+    const Bytes chunk(65536, 0x55);
+    Clock::time_point now = Clock::now();
+    for (int i = 0; i < 64; ++i) {
+        for (Device* d : {&quiet, &recording}) {
+            d->receive(chunk.data(), chunk.size(), now);
+            (void)d->transmit(now + std::chrono::hours(1));
+        }
+    }
+    EXPECT_TRUE(quiet.received().empty());
+    EXPECT_EQ(quiet.received().capacity(), 0u);
+    EXPECT_EQ(recording.received().size(), 1000u);
+}
+
 }  // namespace

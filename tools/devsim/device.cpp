@@ -100,7 +100,7 @@ void Device::receive(const std::uint8_t* data, std::size_t size, Clock::time_poi
     for (std::size_t i = 0; i < size; ++i) {
         Clock::time_point done = std::max(now, inputLineFree_) + byteTime();
         inputLineFree_ = done;
-        received_.push_back(data[i]);
+        if (received_.size() < recordLimit_) received_.push_back(data[i]);
         handle(data[i], done);
     }
 }

@@ -89,7 +89,10 @@ public:
     // When the next reply byte will have crossed the line; empty when nothing is on its way.
     std::optional<Clock::time_point> nextEvent() const;
 
-    // Every byte the host sent, in order (since construction or the last clearReceived()).
+    // The bytes the host sent, in order, since the last clearReceived(): recorded only after
+    // recordReceived(limit), and then at most `limit` of them (later ones are not kept), so a
+    // host that never stops sending cannot make the device grow without bound.
+    void recordReceived(std::size_t limit) { recordLimit_ = limit; }
     const std::vector<std::uint8_t>& received() const { return received_; }
     void clearReceived() { received_.clear(); }
 
@@ -131,6 +134,7 @@ private:
     Clock::time_point outputLineFree_{};
     Clock::time_point lastByteAt_{};
     std::vector<std::uint8_t> received_;
+    std::size_t recordLimit_ = 0;
 
     State state_ = State::Idle;
     std::vector<std::uint8_t> collected_;  // the header, block or text being collected
