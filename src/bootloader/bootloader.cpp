@@ -22,6 +22,13 @@ using namespace quelworks::protocol;
 char kEnterProgmodeText[] = "Enter Progmode\r\n";
 
 constexpr int kDrainTimeoutMs = 100;
+// A device that never stops sending (an application that logs without pause) must not hold the
+// constructor forever: the drain ends after this much time or this many bytes, whichever comes
+// first. A device that has said what it had to say goes quiet long before either.
+constexpr auto kDrainMaxTime = std::chrono::seconds(5);
+constexpr long kDrainMaxBytes = 1L << 20;
+// A description longer than this is cut off and treated as unterminated.
+constexpr std::size_t kDescriptionMaxBytes = 1u << 16;
 constexpr int kSettleAfterEnterMs = 100;
 constexpr int kMinimumTimeoutMs = 10;
 
@@ -135,12 +142,14 @@ void Bootloader::InitializeClass(char* portName, int timeoutMs, bool acquire) {
 
     // Whatever the device still had to say from an earlier conversation would be read as the
     // echo of the first query: read until the line stays quiet.
+    // Byte by byte with the same time-outs as a read of everything pending, so the line counts
+    // as quiet exactly as before, but with a bound on time and bytes.
     if (link.Connect()) {
-        unsigned char* pending = nullptr;
-        int length = 0;
-        while (link.Receive(&pending, &length, kDrainTimeoutMs)) {
-            std::free(pending);
-            pending = nullptr;
+        const auto until = std::chrono::steady_clock::now() + kDrainMaxTime;
+        unsigned char byte = 0;
+        for (long drained = 0; drained < kDrainMaxBytes && link.Receive(&byte, 1, kDrainTimeoutMs);
+             ++drained) {
+            if (std::chrono::steady_clock::now() >= until) break;
         }
     }
     link.Disconnect();
@@ -233,6 +242,7 @@ bool Bootloader::acquireDeviceDescription() {
             terminated = true;
             break;
         }
+        if (text.size() >= kDescriptionMaxBytes) break;
         text.push_back(static_cast<char>(byte));
     }
     if (!text.empty()) {

@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -445,3 +446,23 @@ TEST(BootloaderScript, DescriptionEdgesSwitchReplyAndBlockReplies) {
 }
 
 }  // namespace
+
+// A device that never stops sending: the construction's drain gives up after its bound instead
+// of reading forever.
+TEST(BootloaderScript, TheDrainEndsAgainstADeviceThatNeverStopsSending) {
+    qwtest::PtyPair pty;
+    std::atomic<bool> stop{false};
+    std::thread flood([&] {
+        const Bytes chunk(512, 'L');
+        while (!stop) pty.write(chunk);
+    });
+    const auto start = std::chrono::steady_clock::now();
+    {
+        Bootloader boot(const_cast<char*>(pty.path().c_str()), false);
+        EXPECT_FALSE(boot.IsDeviceInfoAvailable());
+    }
+    const auto took = std::chrono::steady_clock::now() - start;
+    stop = true;
+    flood.join();
+    EXPECT_LT(took, std::chrono::seconds(30)) << "the drain must be bounded";
+}

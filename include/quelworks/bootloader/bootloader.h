@@ -25,7 +25,10 @@ public:
 
     // Each constructor names the port, drains whatever the device still had to say and, unless
     // told otherwise, reads the device's identity (AcquireDeviceInfo). `timeout` is the time-out
-    // in milliseconds of every receive (default 1000).
+    // in milliseconds of every receive (default 1000). The drain reads until the line has been
+    // quiet for a moment, but at most 5 seconds and 1 MiB, so a device that never stops sending
+    // cannot hold the constructor; a device description is read up to 64 KiB (a longer one is
+    // cut off and counts as unterminated).
     Bootloader(char* portName, int timeout, bool acquireDeviceInfo);
     Bootloader(char* portName, int timeout);
     Bootloader(char* portName, bool acquireDeviceInfo);
