@@ -6,13 +6,14 @@
 #   tsan     ThreadSanitizer build, the tests labelled "threads"
 #   fuzz     clang libFuzzer build: corpus replay, then each harness fuzzed for a bounded time
 #   consumer install the library and build a separate project against it with find_package
+#   python   the Python package's tests (pytest) against the dev build and the simulated device
 #   windows  mingw-w64 cross-build of the DLL and the tests, run under Wine in a private prefix
 # Choose stages with QW_STAGES="dev asan" (default: all); QW_FUZZ_SECONDS sets the fuzzing time
 # per harness (default 20).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-stages=${QW_STAGES:-"format dev asan tsan fuzz consumer windows"}
+stages=${QW_STAGES:-"format dev asan tsan fuzz consumer python windows"}
 fuzz_seconds=${QW_FUZZ_SECONDS:-20}
 jobs=${QW_JOBS:-$(nproc)}
 
@@ -112,6 +113,27 @@ if has consumer; then
     wait "$devsim_pid" || true
     rm -f "$devsim_out"
     rm -rf "$prefix"
+fi
+
+if has python; then
+    step "test: python package"
+    cmake --preset dev >/dev/null
+    cmake --build --preset dev -j "$jobs" --target quelworks_c quelworks-devsim
+    # Debian's interpreter, which has Debian's pytest (another python3 may come first on PATH).
+    pytest_log=$(mktemp)
+    rc=0
+    QUELWORKS_LIBRARY="$PWD/build/dev/libquelworks_c.so" \
+        QUELWORKS_DEVSIM="$PWD/build/dev/tools/devsim/quelworks-devsim" \
+        /usr/bin/python3 -m pytest -q -p no:cacheprovider python/tests 2>&1 | tee "$pytest_log" || rc=$?
+    summary=$(tail -n 1 "$pytest_log")
+    passed=$(grep -oE '[0-9]+ passed' <<<"$summary" | grep -oE '[0-9]+' || echo 0)
+    failed=$(grep -oE '[0-9]+ failed' <<<"$summary" | grep -oE '[0-9]+' || echo 0)
+    skipped=$(grep -oE '[0-9]+ skipped' <<<"$summary" | grep -oE '[0-9]+' || echo 0)
+    total_passed=$((total_passed + passed))
+    total_failed=$((total_failed + failed))
+    total_skipped=$((total_skipped + skipped))
+    rm -f "$pytest_log"
+    [ "$rc" -eq 0 ] || exit "$rc"
 fi
 
 if has windows; then
