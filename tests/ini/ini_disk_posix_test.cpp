@@ -22,16 +22,12 @@
 #include "ini/ini_test_util.h"
 #include "quelworks/ini/ini_file.h"
 
+using ini_test::entriesIn;
 using ini_test::readFile;
 using ini_test::TempDir;
 using ini_test::writeFile;
 
 namespace {
-
-std::size_t entriesIn(const std::string& dir) {
-    auto it = std::filesystem::directory_iterator(dir);
-    return static_cast<std::size_t>(std::distance(begin(it), end(it)));
-}
 
 // Runs `body` in a child process and returns its exit code (-1 when it did not exit normally).
 template <class Body>

@@ -17,16 +17,12 @@
 #include <csignal>
 #include <functional>
 
+using ini_test::entriesIn;
 using ini_test::readFile;
 using ini_test::TempDir;
 using ini_test::writeFile;
 
 namespace {
-
-std::size_t entriesIn(const std::string& dir) {
-    auto it = std::filesystem::directory_iterator(dir);
-    return static_cast<std::size_t>(std::distance(begin(it), end(it)));
-}
 
 // Runs `body` without root's right to ignore permissions: as root, in a child process switched
 // to the "nobody" user; otherwise directly. The folder must be open to that user.

@@ -12,15 +12,11 @@
 #include "ini/ini_test_util.h"
 #include "quelworks/ini/ini_file.h"
 
+using ini_test::entriesIn;
 using ini_test::TempDir;
 using ini_test::writeFile;
 
 namespace {
-
-std::size_t entriesIn(const std::string& dir) {
-    auto it = std::filesystem::directory_iterator(dir);
-    return static_cast<std::size_t>(std::distance(begin(it), end(it)));
-}
 
 // `writers` threads each set `edits` keys of their own ("w<id>_<n>") while a reader thread reads
 // the file in a loop; returns the keys that were acknowledged, and counts torn reads.

@@ -37,6 +37,12 @@ inline void writeFile(const std::string& path, const std::string& bytes) {
     std::ofstream(path, std::ios::binary) << bytes;
 }
 
+// How many names a folder holds (a save must leave nothing beside the file).
+inline std::size_t entriesIn(const std::string& dir) {
+    auto it = std::filesystem::directory_iterator(dir);
+    return static_cast<std::size_t>(std::distance(begin(it), end(it)));
+}
+
 inline std::string readFile(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
     return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
