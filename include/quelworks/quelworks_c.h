@@ -359,8 +359,12 @@ typedef struct qw_calibration_point {
 
 /* Whether (x, y) lies inside the polygon (boundary inside). The polygon's edges run from each
  * vertex to the next, not from the last back to the first: repeat the first vertex at the end
- * for a closed polygon. Cross products are truncated to int, so points within about one unit of
- * an edge may go either way. An empty polygon is QW_ERR_INVALID_ARGUMENT. *inside is 1 or 0. */
+ * for a closed polygon. Cross products are truncated to int, and the answer is not the geometric
+ * one for every point: a point level with a slanted edge (its y within the edge's y-range) can
+ * be classified wrongly however far it lies from the edge (with (0,0), (100,0), (100,100),
+ * (50,100.5), (0,100), (0,0) every point with 100 <= y <= 100.5 is inside, (-300, 100) too), and
+ * a point within about one unit of an edge may go either way. An empty polygon is
+ * QW_ERR_INVALID_ARGUMENT. *inside is 1 or 0. */
 QW_C_API qw_status QW_CALL qw_geo_point_in_polygon(const qw_point* polygon, int32_t vertex_count,
                                                    float x, float y, int32_t* inside);
 /* The same for `count` points at once: inside[i] is 1 or 0 for points[i]. */

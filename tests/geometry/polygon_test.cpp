@@ -69,6 +69,13 @@ TEST(IsPointInPolygon, Examples) {
                                       pointf(0, 0)};
     EXPECT_TRUE(in(20, 10, step));
     EXPECT_FALSE(in(20, 20, step));
+    // The documented example: every point level with the gently sloping roof counts as inside,
+    // however far left or right of the polygon it lies.
+    const std::vector<pointf> roof = {pointf(0, 0),       pointf(100, 0), pointf(100, 100),
+                                      pointf(50, 100.5f), pointf(0, 100), pointf(0, 0)};
+    EXPECT_TRUE(in(-300, 100, roof));
+    EXPECT_TRUE(in(1000, 100.3f, roof));
+    EXPECT_FALSE(in(-300, 99.9f, roof));
     EXPECT_FALSE(in(1, 1, {pointf(1, 1)}));
     EXPECT_THROW(in(1, 1, {}), std::out_of_range);
     PolygonScratch scratch;

@@ -16,8 +16,16 @@
 // Whether q lies inside the polygon, the boundary counted as inside. The test counts edge
 // crossings to the right and to the left of q; a vertex hit exactly (any vertex but the last) is
 // inside, and so is a point whose two counts differ in parity. Cross products are truncated toward
-// zero to int, so a point within about one unit of an edge may go either way, and coordinates so
-// large that a cross product leaves the int range give results of their own.
+// zero to int, and the two directions treat an edge's end differently, so the answer is not the
+// geometric one for every point:
+// - a point level with a slanted edge (its y within the edge's y-range) can be classified wrongly
+//   however far it lies from that edge: for the polygon (0,0), (100,0), (100,100), (50,100.5),
+//   (0,100), (0,0), every point with 100 <= y <= 100.5 counts as inside, (-300, 100) and
+//   (1000, 100.3) included. Outlines with many gently sloping edges (a finely divided circle)
+//   have many such rows;
+// - a point within about one unit of an edge may go either way;
+// - coordinates so large that a cross product leaves the int range give results of their own.
+// Where exact containment matters, check the points that lie level with slanted edges yourself.
 // One vertex gives false; an empty polygon throws std::out_of_range.
 QUELWORKS_API bool IsPointInPolygon(pointf q, std::vector<pointf> polygon);
 
