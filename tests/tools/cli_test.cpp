@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -369,6 +370,32 @@ TEST(Devsim, RefusesBadOptionsAtStartUp) {
     }
     EXPECT_NE(text.find("Enter Progmode"), std::string::npos) << text;
     std::remove(help.c_str());
+}
+
+// The cover and the hatching check their result against exact geometry: a finely divided circle
+// has rows the containment test misjudges, and the command says how far its result reaches out.
+TEST(Cli, CoverAndHatchWarnWhenTheResultLeavesTheOutline) {
+    const std::string circle = tempPath("circle.txt");
+    {
+        std::ofstream out(circle);
+        for (int i = 0; i < 1000; ++i) {
+            const double a = 2 * 3.14159265358979 * i / 1000;
+            out << 500 + 400 * std::cos(a) << " " << 500 + 400 * std::sin(a) << "\n";
+        }
+    }
+    Result cover = quelworks("cover " + circle);
+    EXPECT_EQ(cover.code, 0);
+    EXPECT_NE(cover.err.find("rectangles reach outside the outline, by up to 1"), std::string::npos)
+        << cover.err;
+    const std::string square = tempPath("square.txt");
+    std::ofstream(square) << "0 0\n100 0\n100 100\n0 100\n";
+    for (const char* command : {"cover ", "hatch --spacing 3 "}) {
+        Result clean = quelworks(command + square);
+        EXPECT_EQ(clean.code, 0);
+        EXPECT_EQ(clean.err.find("outside the outline"), std::string::npos) << clean.err;
+    }
+    std::remove(circle.c_str());
+    std::remove(square.c_str());
 }
 
 }  // namespace

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "command_error.h"
+#include "outline_check.h"
 #include "polygon_file.h"
 #include "quelworks/geometry/hatching.h"
 #include "quelworks/geometry/polygon.h"
@@ -84,6 +85,19 @@ rectanglef parseArea(const std::string& text) {
     return rectanglef(v[0], v[1], v[2], v[3]);
 }
 
+// Warns on standard error when results reach outside the outline by exact geometry.
+void warnOutside(const quelworks::cli::OutsideReport& report, std::size_t total, const char* what) {
+    if (!report.checked) {
+        std::fprintf(stderr, "note: %zu %s not checked against exact geometry (too large)\n", total,
+                     what);
+    } else if (report.outside > 0) {
+        std::fprintf(stderr,
+                     "warning: %zu of %zu %s reach outside the outline, by up to %.3g units "
+                     "(the containment test misjudges points level with slanted edges)\n",
+                     report.outside, total, what, report.worst);
+    }
+}
+
 // An SVG picture in the plane's own coordinates, y pointing up.
 class SvgPicture {
 public:
@@ -148,6 +162,8 @@ void runCover(const CoverOptions& o) {
     }
     std::vector<rectanglef> rects;
     BeginSpreadPolygon(polygon, &rects, area, o.tolerance);
+    warnOutside(quelworks::cli::OutlineCheck(polygon).rectangles(rects), rects.size(),
+                "rectangles");
 
     if (o.svg.empty()) {
         for (const rectanglef& r : rects) {
@@ -186,6 +202,7 @@ void runHatch(const HatchOptions& o) {
 
     std::size_t segments = 0;
     for (const auto& g : groups) segments += g.size();
+    warnOutside(quelworks::cli::OutlineCheck(points).segments(groups), segments, "segments");
     if (o.svg.empty()) {
         for (const auto& g : groups) {
             for (const LineSegment& s : g) {
