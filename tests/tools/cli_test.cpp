@@ -398,4 +398,24 @@ TEST(Cli, CoverAndHatchWarnWhenTheResultLeavesTheOutline) {
     std::remove(square.c_str());
 }
 
+// The default area is the polygon's bounding box; files that cannot be read or written are named
+// with the reason; "--svg -" writes the picture to standard output.
+TEST(Cli, GeometryCommandsAreaFilesAndStandardOutput) {
+    const std::string square = tempPath("box.txt");
+    std::ofstream(square) << "0 0\n100 0\n100 100\n0 100\n";
+    EXPECT_EQ(quelworks("cover " + square).out, "0 0 100 100\n");
+    Result svg = quelworks("cover " + square + " --svg -");
+    EXPECT_EQ(svg.code, 0);
+    EXPECT_EQ(svg.out.rfind("<svg ", 0), 0u) << svg.out;
+    EXPECT_NE(svg.err.find("drawn to standard output"), std::string::npos) << svg.err;
+    Result folder = quelworks("hatch " + ::testing::TempDir() + " --spacing 2");
+    EXPECT_EQ(folder.code, 11);
+    EXPECT_NE(folder.err.find("is a folder"), std::string::npos) << folder.err;
+    Result missing = quelworks("hatch " + tempPath("none.txt") + " --spacing 2");
+    EXPECT_NE(missing.err.find("No such file"), std::string::npos) << missing.err;
+    Result unwritable = quelworks("cover " + square + " --svg /nonexistent/dir/x.svg");
+    EXPECT_NE(unwritable.err.find("No such file"), std::string::npos) << unwritable.err;
+    std::remove(square.c_str());
+}
+
 }  // namespace

@@ -1,8 +1,11 @@
 #include "geometry_commands.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
 #include <cstdio>
+#include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <memory>
@@ -42,8 +45,12 @@ struct HatchOptions {
 };
 
 std::vector<pointf> readPolygonFile(const std::string& path) {
+    std::error_code ec;
+    if (std::filesystem::is_directory(path, ec)) {
+        throw CommandError(kExitBadInput, path + " is a folder, not an outline file");
+    }
     std::ifstream in(path, std::ios::binary);
-    if (!in) throw CommandError(kExitBadInput, "cannot open " + path);
+    if (!in) throw CommandError(kExitBadInput, "cannot open " + path + ": " + std::strerror(errno));
     std::ostringstream buffer;
     buffer << in.rdbuf();
     if (in.bad()) throw CommandError(kExitBadInput, "cannot read " + path);
@@ -124,10 +131,18 @@ public:
         return out.str();
     }
 
+    // Writes the picture to the file, or to standard output for "-".
     void write(const std::string& path, const std::string& outline, bool closed,
                const std::string& shapes) {
-        std::ofstream out(path, std::ios::binary);
-        if (!out) throw CommandError(kExitFailure, "cannot write " + path);
+        std::ofstream file;
+        if (path != "-") {
+            file.open(path, std::ios::binary);
+            if (!file) {
+                throw CommandError(kExitFailure,
+                                   "cannot write " + path + ": " + std::strerror(errno));
+            }
+        }
+        std::ostream& out = path == "-" ? std::cout : file;
         out << "<svg xmlns=\"http://www.w3.org/2000/svg\" viewBox=\"0 0 " << width_ << " "
             << height_ << "\" width=\"800\" height=\"" << 800.0f * height_ / width_ << "\">\n"
             << "<rect width=\"100%\" height=\"100%\" fill=\"white\"/>\n"
@@ -136,8 +151,10 @@ public:
             << "<" << (closed ? "polygon" : "polyline") << " points=\"" << outline
             << "\" fill=\"none\" stroke=\"black\" stroke-width=\"" << stroke_ * 1.5f << "\"/>\n"
             << "</svg>\n";
-        out.close();
-        if (!out) throw CommandError(kExitFailure, "cannot write " + path);
+        out.flush();
+        if (path != "-") file.close();
+        if (!out || (path != "-" && !file))
+            throw CommandError(kExitFailure, "cannot write " + path);
     }
 
 private:
@@ -152,8 +169,6 @@ void runCover(const CoverOptions& o) {
     rectanglef area;
     if (o.area.empty()) {
         area = GetBoundingBox(polygon);
-        area.width += 1;  // the box is truncated to ints; cover up to the next int
-        area.height += 1;
     } else {
         area = parseArea(o.area);
     }
@@ -184,8 +199,10 @@ void runCover(const CoverOptions& o) {
               "fill=\"#7fb3e0\" fill-opacity=\"0.6\" stroke=\"#1f4e79\"");
     double covered = 0;
     for (const rectanglef& r : rects) covered += double(r.width) * r.height;
-    std::printf("%zu rectangles covering %.0f square units, drawn to %s\n", rects.size(), covered,
-                o.svg.c_str());
+    // With the picture on standard output the summary goes to standard error.
+    std::fprintf(o.svg == "-" ? stderr : stdout,
+                 "%zu rectangles covering %.0f square units, drawn to %s\n", rects.size(), covered,
+                 o.svg == "-" ? "standard output" : o.svg.c_str());
 }
 
 void runHatch(const HatchOptions& o) {
@@ -223,8 +240,8 @@ void runHatch(const HatchOptions& o) {
         for (const LineSegment& s : g) svg.segment(s);
     }
     svg.write(o.svg, svg.points(points), true, "stroke=\"#c0392b\" stroke-linecap=\"round\"");
-    std::printf("%zu segments on %zu scan lines, drawn to %s\n", segments, groups.size(),
-                o.svg.c_str());
+    std::fprintf(o.svg == "-" ? stderr : stdout, "%zu segments on %zu scan lines, drawn to %s\n",
+                 segments, groups.size(), o.svg == "-" ? "standard output" : o.svg.c_str());
 }
 
 }  // namespace
@@ -241,7 +258,8 @@ void addGeometryCommands(CLI::App& app) {
     c->add_option("--tolerance", cover->tolerance,
                   "Percentage of sample points that may lie outside a kept rectangle")
         ->default_val(0);
-    c->add_option("--svg", cover->svg, "Draw the polygon and the rectangles into this SVG file");
+    c->add_option("--svg", cover->svg,
+                  "Draw the polygon and the rectangles into this SVG file ('-': standard output)");
     c->callback([cover] { runCover(*cover); });
 
     auto hatch = std::make_shared<HatchOptions>();
@@ -251,6 +269,7 @@ void addGeometryCommands(CLI::App& app) {
                   "Text file, one vertex per line as \"x y\" or \"x,y\"; closed implicitly")
         ->required();
     h->add_option("--spacing", hatch->spacing, "Distance between scan lines")->required();
-    h->add_option("--svg", hatch->svg, "Draw the outline and the segments into this SVG file");
+    h->add_option("--svg", hatch->svg,
+                  "Draw the outline and the segments into this SVG file ('-': standard output)");
     h->callback([hatch] { runHatch(*hatch); });
 }
