@@ -413,6 +413,15 @@ TEST(Cli, GeometryCommandsAreaFilesAndStandardOutput) {
     EXPECT_NE(folder.err.find("is a folder"), std::string::npos) << folder.err;
     Result missing = quelworks("hatch " + tempPath("none.txt") + " --spacing 2");
     EXPECT_NE(missing.err.find("No such file"), std::string::npos) << missing.err;
+    // This triangle's hatching holds a -0 from the library; the command prints 0.
+    const std::string triangle = tempPath("tri.txt");
+    std::ofstream(triangle) << "-3.5 -2\n0 5\n3.5 -2\n";
+    Result hatch = quelworks("hatch " + triangle + " --spacing 1");
+    EXPECT_EQ(hatch.code, 0);
+    EXPECT_FALSE(hatch.out.empty());
+    EXPECT_EQ(hatch.out.find("-0 "), std::string::npos) << hatch.out;
+    EXPECT_EQ(hatch.out.find("-0\n"), std::string::npos) << hatch.out;
+    std::remove(triangle.c_str());
     Result unwritable = quelworks("cover " + square + " --svg /nonexistent/dir/x.svg");
     EXPECT_NE(unwritable.err.find("No such file"), std::string::npos) << unwritable.err;
     std::remove(square.c_str());

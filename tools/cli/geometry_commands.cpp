@@ -223,7 +223,9 @@ void runHatch(const HatchOptions& o) {
     if (o.svg.empty()) {
         for (const auto& g : groups) {
             for (const LineSegment& s : g) {
-                std::printf("%g %g %g %g\n", s.start.x, s.start.y, s.end.x, s.end.y);
+                // Adding 0 turns a -0 from the library into 0.
+                std::printf("%g %g %g %g\n", s.start.x + 0.0f, s.start.y + 0.0f, s.end.x + 0.0f,
+                            s.end.y + 0.0f);
             }
         }
         return;

@@ -18,6 +18,8 @@
 // outline on integer-truncated coordinates and it is at least one unit long.
 //
 // An outline of fewer than 3 points gives no groups, and so does a spacing of 0 or less.
+// Coordinates of the segments can come out as -0.0 (where an intersection lands on 0 from the
+// negative side); -0.0 equals 0 in every comparison but prints as "-0".
 QUELWORKS_API std::vector<std::vector<LineSegment>> FragmentToLines(std::vector<Vector2f> outline,
                                                                     int spacing);
 
