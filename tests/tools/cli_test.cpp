@@ -413,6 +413,14 @@ TEST(Cli, GeometryCommandsAreaFilesAndStandardOutput) {
     EXPECT_NE(folder.err.find("is a folder"), std::string::npos) << folder.err;
     Result missing = quelworks("hatch " + tempPath("none.txt") + " --spacing 2");
     EXPECT_NE(missing.err.find("No such file"), std::string::npos) << missing.err;
+    // Options out of range are refused with a reason.
+    Result spacing = quelworks("hatch " + square + " --spacing 2.5");
+    EXPECT_EQ(spacing.code, 2);
+    EXPECT_NE(spacing.err.find("whole number"), std::string::npos) << spacing.err;
+    EXPECT_EQ(quelworks("hatch " + square + " --spacing 25").code, 0);
+    Result tolerance = quelworks("cover " + square + " --tolerance 150");
+    EXPECT_EQ(tolerance.code, 2);
+    EXPECT_NE(tolerance.err.find("0 to 100"), std::string::npos) << tolerance.err;
     // This triangle's hatching holds a -0 from the library; the command prints 0.
     const std::string triangle = tempPath("tri.txt");
     std::ofstream(triangle) << "-3.5 -2\n0 5\n3.5 -2\n";

@@ -40,7 +40,7 @@ struct CoverOptions {
 
 struct HatchOptions {
     std::string outline;
-    int spacing = 0;
+    double spacing = 0;
     std::string svg;
 };
 
@@ -176,6 +176,9 @@ void runCover(const CoverOptions& o) {
         throw CommandError(kExitUsage, "the area may be at most 20000 units on a side");
     }
     std::vector<rectanglef> rects;
+    if (o.tolerance < 0 || o.tolerance > 100) {
+        throw CommandError(kExitUsage, "--tolerance is a percentage from 0 to 100");
+    }
     BeginSpreadPolygon(polygon, &rects, area, o.tolerance);
     warnOutside(quelworks::cli::OutlineCheck(polygon).rectangles(rects), rects.size(),
                 "rectangles");
@@ -206,16 +209,22 @@ void runCover(const CoverOptions& o) {
 }
 
 void runHatch(const HatchOptions& o) {
-    if (o.spacing <= 0) throw CommandError(kExitUsage, "--spacing must be a positive int");
+    // Scan lines lie on whole units, so the spacing is a whole number.
+    if (!(o.spacing >= 1) || o.spacing != std::floor(o.spacing) || o.spacing > 1e6) {
+        throw CommandError(kExitUsage,
+                           "--spacing must be a whole number of units from 1 to 1000000 (scan "
+                           "lines lie on whole units)");
+    }
+    const int spacing = static_cast<int>(o.spacing);
     const std::vector<pointf> points = readPolygonFile(o.outline);
     std::vector<Vector2f> outline(points.begin(), points.end());
     const rectanglef box = GetBoundingBox(outline);
-    if ((double(box.height) + 2.0 * o.spacing) / o.spacing > kMaxScanLines) {
+    if ((double(box.height) + 2.0 * spacing) / spacing > kMaxScanLines) {
         throw CommandError(kExitUsage,
                            "the outline is too high for this spacing (over a million "
                            "scan lines); use a larger --spacing");
     }
-    const std::vector<std::vector<LineSegment>> groups = FragmentToLines(outline, o.spacing);
+    const std::vector<std::vector<LineSegment>> groups = FragmentToLines(outline, spacing);
 
     std::size_t segments = 0;
     for (const auto& g : groups) segments += g.size();
@@ -258,7 +267,7 @@ void addGeometryCommands(CLI::App& app) {
     c->add_option("--area", cover->area,
                   "The area to cover, X,Y,W,H (default: the polygon's bounding box)");
     c->add_option("--tolerance", cover->tolerance,
-                  "Percentage of sample points that may lie outside a kept rectangle")
+                  "Percentage (0 to 100) of sample points that may lie outside a kept rectangle")
         ->default_val(0);
     c->add_option("--svg", cover->svg,
                   "Draw the polygon and the rectangles into this SVG file ('-': standard output)");
@@ -270,7 +279,8 @@ void addGeometryCommands(CLI::App& app) {
     h->add_option("outline", hatch->outline,
                   "Text file, one vertex per line as \"x y\" or \"x,y\"; closed implicitly")
         ->required();
-    h->add_option("--spacing", hatch->spacing, "Distance between scan lines")->required();
+    h->add_option("--spacing", hatch->spacing, "Distance between scan lines, in whole units")
+        ->required();
     h->add_option("--svg", hatch->svg,
                   "Draw the outline and the segments into this SVG file ('-': standard output)");
     h->callback([hatch] { runHatch(*hatch); });
