@@ -421,6 +421,15 @@ TEST(Cli, GeometryCommandsAreaFilesAndStandardOutput) {
     Result tolerance = quelworks("cover " + square + " --tolerance 150");
     EXPECT_EQ(tolerance.code, 2);
     EXPECT_NE(tolerance.err.find("0 to 100"), std::string::npos) << tolerance.err;
+    // Coordinates too large for the int arithmetic give no result: the command says why.
+    const std::string huge = tempPath("huge.txt");
+    std::ofstream(huge) << "0 0\n1e30 0\n1e30 10\n0 10\n";
+    for (const char* command : {"cover ", "hatch --spacing 1 "}) {
+        Result result = quelworks(command + huge);
+        EXPECT_EQ(result.code, 11);
+        EXPECT_NE(result.err.find("too large"), std::string::npos) << result.err;
+    }
+    std::remove(huge.c_str());
     // This triangle's hatching holds a -0 from the library; the command prints 0.
     const std::string triangle = tempPath("tri.txt");
     std::ofstream(triangle) << "-3.5 -2\n0 5\n3.5 -2\n";

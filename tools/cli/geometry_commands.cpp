@@ -92,6 +92,27 @@ rectanglef parseArea(const std::string& text) {
     return rectanglef(v[0], v[1], v[2], v[3]);
 }
 
+// Coordinates beyond this make the library's int-truncated arithmetic overflow.
+constexpr double kLargeCoordinate = 1e6;
+
+// An empty result from an outline with such coordinates is the arithmetic's doing, not the
+// outline's: say so instead of printing nothing.
+void refuseEmptyFromHugeCoordinates(const std::vector<pointf>& outline, bool empty) {
+    if (!empty) return;
+    double largest = 0;
+    for (const pointf& p : outline) {
+        largest = std::max({largest, std::fabs(double(p.x)), std::fabs(double(p.y))});
+    }
+    if (largest > kLargeCoordinate || std::isnan(largest)) {
+        char text[200];
+        std::snprintf(text, sizeof text,
+                      "no result: a coordinate of %g is too large for the geometry, which works "
+                      "on whole-unit int values (keep coordinates within %g)",
+                      largest, kLargeCoordinate);
+        throw CommandError(kExitBadInput, text);
+    }
+}
+
 // Warns on standard error when results reach outside the outline by exact geometry.
 void warnOutside(const quelworks::cli::OutsideReport& report, std::size_t total, const char* what) {
     if (!report.checked) {
@@ -180,6 +201,7 @@ void runCover(const CoverOptions& o) {
         throw CommandError(kExitUsage, "--tolerance is a percentage from 0 to 100");
     }
     BeginSpreadPolygon(polygon, &rects, area, o.tolerance);
+    refuseEmptyFromHugeCoordinates(polygon, rects.empty());
     warnOutside(quelworks::cli::OutlineCheck(polygon).rectangles(rects), rects.size(),
                 "rectangles");
 
@@ -228,6 +250,7 @@ void runHatch(const HatchOptions& o) {
 
     std::size_t segments = 0;
     for (const auto& g : groups) segments += g.size();
+    refuseEmptyFromHugeCoordinates(points, segments == 0);
     warnOutside(quelworks::cli::OutlineCheck(points).segments(groups), segments, "segments");
     if (o.svg.empty()) {
         for (const auto& g : groups) {
