@@ -452,9 +452,15 @@ TEST(BootloaderScript, DescriptionEdgesSwitchReplyAndBlockReplies) {
 TEST(BootloaderScript, TheDrainEndsAgainstADeviceThatNeverStopsSending) {
     qwtest::PtyPair pty;
     std::atomic<bool> stop{false};
+    // Non-blocking writes, so that the flood stops at once when asked even with the line full.
+    ::fcntl(pty.master(), F_SETFL, ::fcntl(pty.master(), F_GETFL) | O_NONBLOCK);
     std::thread flood([&] {
         const Bytes chunk(512, 'L');
-        while (!stop) pty.write(chunk);
+        while (!stop) {
+            if (::write(pty.master(), chunk.data(), chunk.size()) < 0) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            }
+        }
     });
     const auto start = std::chrono::steady_clock::now();
     {
