@@ -58,6 +58,7 @@ WriteResult replaceWholeFile(const std::string& path, std::string_view bytes);
 // left behind, and no lock file is created). Since a save puts a new file in the old one's place,
 // a lock taken on the old file protects nothing once it is replaced: after acquiring, the lock
 // checks that the name still leads to the locked file and otherwise starts again on the new one.
+// On Windows no lock is taken yet (acquire gives Unavailable): edits run as they always did.
 class EditLock {
 public:
     enum class Result {
