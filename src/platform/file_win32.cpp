@@ -24,11 +24,6 @@ public:
     ~Handle() { reset(); }
     HANDLE get() const { return h_; }
     bool valid() const { return h_ != INVALID_HANDLE_VALUE; }
-    HANDLE release() {
-        HANDLE h = h_;
-        h_ = INVALID_HANDLE_VALUE;
-        return h;
-    }
     void reset() {
         if (valid()) CloseHandle(h_);
         h_ = INVALID_HANDLE_VALUE;
