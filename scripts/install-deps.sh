@@ -13,6 +13,10 @@ if [ "${1:-}" = "--windows" ]; then
     # lld: links a program the way Visual Studio does, against quelworks_c.lib.
     packages+=(g++-mingw-w64-x86-64-posix wine wine64 lld)
 fi
+if [ "${1:-}" = "--dotnet" ]; then
+    # Mono's C# compiler and runtime (with System and System.Core), for the C# package.
+    packages+=(mono-mcs mono-runtime)
+fi
 if [ "${1:-}" = "--bench" ]; then
     packages+=(libboost-dev libinih-dev libsimpleini-dev libgeos-dev)
 fi

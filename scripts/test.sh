@@ -7,13 +7,14 @@
 #   fuzz     clang libFuzzer build: corpus replay, then each harness fuzzed for a bounded time
 #   consumer install the library and build a separate project against it with find_package
 #   python   the Python package's tests (pytest) against the dev build and the simulated device
+#   dotnet   the C# package built with Mono, its tests against the dev build and the simulated device
 #   windows  mingw-w64 cross-build of the DLL and the tests, run under Wine in a private prefix
 # Choose stages with QW_STAGES="dev asan" (default: all); QW_FUZZ_SECONDS sets the fuzzing time
 # per harness (default 20).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-stages=${QW_STAGES:-"format dev asan tsan fuzz consumer python windows"}
+stages=${QW_STAGES:-"format dev asan tsan fuzz consumer python dotnet windows"}
 fuzz_seconds=${QW_FUZZ_SECONDS:-20}
 jobs=${QW_JOBS:-$(nproc)}
 
@@ -24,6 +25,9 @@ if has windows; then
     bash scripts/install-deps.sh --windows
 else
     bash scripts/install-deps.sh
+fi
+if has dotnet; then
+    bash scripts/install-deps.sh --dotnet
 fi
 
 start_all=$SECONDS
@@ -133,6 +137,28 @@ if has python; then
     total_failed=$((total_failed + failed))
     total_skipped=$((total_skipped + skipped))
     rm -f "$pytest_log"
+    [ "$rc" -eq 0 ] || exit "$rc"
+fi
+
+if has dotnet; then
+    step "test: C# package (Mono)"
+    cmake --preset dev >/dev/null
+    cmake --build --preset dev -j "$jobs" --target quelworks_c quelworks-devsim
+    bash dotnet/build.sh "$PWD/build/dotnet"
+    dotnet_log=$(mktemp)
+    rc=0
+    LD_LIBRARY_PATH="$PWD/build/dev${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH}" \
+        QUELWORKS_DEVSIM="$PWD/build/dev/tools/devsim/quelworks-devsim" \
+        mono build/dotnet/Tests.exe 2>&1 | tee "$dotnet_log" || rc=$?
+    # The closing line: "N passed, N failed, N skipped" (missing if the program died).
+    summary=$(grep -E '^[0-9]+ passed, [0-9]+ failed' "$dotnet_log" | tail -n 1 || true)
+    passed=$(grep -oE '[0-9]+ passed' <<<"$summary" | grep -oE '[0-9]+' || echo 0)
+    failed=$(grep -oE '[0-9]+ failed' <<<"$summary" | grep -oE '[0-9]+' || echo 1)
+    skipped=$(grep -oE '[0-9]+ skipped' <<<"$summary" | grep -oE '[0-9]+' || echo 0)
+    total_passed=$((total_passed + passed))
+    total_failed=$((total_failed + failed))
+    total_skipped=$((total_skipped + skipped))
+    rm -f "$dotnet_log"
     [ "$rc" -eq 0 ] || exit "$rc"
 fi
 
