@@ -6,7 +6,9 @@ Everything goes through the library's C interface with ctypes, so the same packa
 QUELWORKS_LIBRARY environment variable, beside this package, or on the system's search path.
 """
 
+import array as _array
 import ctypes
+import itertools
 import os
 
 from . import _native
@@ -279,8 +281,13 @@ def _points(values):
     except ImportError:
         pass
     values = list(values)
-    array = (Point * len(values))(*[Point(float(x), float(y)) for x, y in values])
-    return array, len(values)
+    if any(len(p) != 2 for p in values):
+        raise ValueError("points must be (x, y) pairs")
+    # One C loop instead of a Point object per pair; the ctypes array shares the buffer.
+    flat = _array.array("f", itertools.chain.from_iterable(values))
+    if not values:
+        return (Point * 0)(), 0
+    return (Point * len(values)).from_buffer(flat), len(values)
 
 
 def point_in_polygon(polygon, x, y):
@@ -305,7 +312,7 @@ def points_in_polygon(polygon, points):
             return numpy.frombuffer(inside, dtype=numpy.uint8, count=count).astype(bool)
     except ImportError:
         pass
-    return [bool(v) for v in inside[:count]]
+    return list(map(bool, bytes(inside)[:count]))
 
 
 def _calibration(pairs):
@@ -336,4 +343,5 @@ def transform_many(calibration, points):
             return numpy.frombuffer(out, dtype=numpy.float32, count=2 * count).reshape(-1, 2).copy()
     except ImportError:
         pass
-    return [(p.x, p.y) for p in out[:count]]
+    flat = _array.array("f", bytes(out)[:8 * count])
+    return list(zip(flat[0::2], flat[1::2]))
