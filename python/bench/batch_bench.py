@@ -122,7 +122,7 @@ def main():
 
     per_point = {k: v / (len(loop) if "loop" in k else n) for k, v in cases.items()}
     print(f"{n} points, {reps} repetitions (loops: {len(loop)} points, once); CPU time, median")
-    print(f"{'case':34} {'per 1M points':>13} {'per point':>11}")
+    print(f"{'case':36} {'per 1M points':>11} {'per point':>11}")
     rows = [
         ("point in polygon: C++ loop", cpp["BM_PointInPolygon1M_Cpp"] / n),
         ("point in polygon: C batch from C++", cpp["BM_PointInPolygon1M_C_Batch"] / n),
