@@ -31,6 +31,7 @@ XS = [0, 40, 80, 120, 160, 160, 160, 160, 160, 120, 80, 40, 0, 0, 0, 0]
 YS = [0, 10, 0, 10, 0, 40, 80, 120, 160, 150, 160, 150, 160, 120, 80, 40]
 POLYGON = [(float(x), float(y)) for x, y in zip(XS, YS)] + [(0.0, 0.0)]
 # 3 x 3 grid, row by row: camera (80x, 80y) to device (21x + y, 19y - x).
+POINTS = 1_000_000  # as in the C++ reference
 GRID = [((x * 80.0, y * 80.0), (float(x * 21 + y), float(y * 19 - x)))
         for y in range(3) for x in range(3)]
 
@@ -64,20 +65,20 @@ def reference(program, repetitions):
         check=True, capture_output=True, text=True).stdout
     medians = {}
     for entry in json.loads(out)["benchmarks"]:
-        if entry.get("aggregate_name") == "median":
+        # The median of the repetitions, or the only run when there is one repetition.
+        if entry.get("aggregate_name", "median") == "median":
             scale = {"ns": 1e-9, "us": 1e-6, "ms": 1e-3, "s": 1.0}[entry["time_unit"]]
-            medians[entry["run_name"]] = entry["cpu_time"] * scale
+            medians[entry.get("run_name", entry["name"])] = entry["cpu_time"] * scale
     return medians
 
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--reference", required=True, help="the qw_bench_capi_batch program")
-    parser.add_argument("--points", type=int, default=1_000_000)
     parser.add_argument("--loop-points", type=int, default=100_000)
     parser.add_argument("--repetitions", type=int, default=5)
     args = parser.parse_args()
-    n, reps = args.points, args.repetitions
+    n, reps = POINTS, args.repetitions
 
     points = make_points(n)
     point_list = [tuple(map(float, p)) for p in points]
