@@ -342,6 +342,18 @@ static void test_async_link(void) {
     CHECK(log.reply[0] == 0x11 && log.reply[1] == (QW_T_DEVICE_TYPE >> 8) &&
           log.reply[2] == (QW_T_DEVICE_TYPE & 0xFF));
     CHECK(log.queue_ok == 1 && log.close_refused == 1);
+    /* A message with a zero byte inside goes out whole (the device ignores the zero and answers
+     * the revision request after it), and a reply holding a zero byte reaches the callback whole.
+     */
+    {
+        const uint8_t zero_first[] = {0x00, 0x15};
+        CHECK_OK(qw_async_add_command(link, 0x15, 3, NULL));
+        CHECK_OK(qw_async_send(link, zero_first, 2));
+        for (i = 0; i < 200 && atomic_load(&log.replies) == 1; ++i) sleep_ms(25);
+        CHECK(atomic_load(&log.replies) == 2 && log.length == 3);
+        CHECK(log.reply[0] == 0x15 && log.reply[1] == (QW_T_REVISION >> 8) &&
+              log.reply[2] == (QW_T_REVISION & 0xFF));
+    }
     CHECK_OK(qw_async_queue_length(link, &count));
     CHECK(count == 0);
     CHECK_OK(qw_async_close(link));
