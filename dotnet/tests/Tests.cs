@@ -334,6 +334,28 @@ internal static class Tests
         }
     }
 
+    private static int OpenDescriptors()
+    {
+        return Directory.GetFileSystemEntries("/proc/self/fd").Length;
+    }
+
+    private static void OpenDisposeCyclesLeakNothing(string dir)
+    {
+        if (!Directory.Exists("/proc/self/fd")) throw new SkipException("no /proc/self/fd to count descriptors");
+        using (var device = new Device(dir))
+        {
+            using (new Port(device.Port)) { }
+            int before = OpenDescriptors();
+            for (int i = 0; i < 2000; ++i)
+                using (var port = new Port(device.Port)) { }
+            for (int i = 0; i < 50; ++i)
+                using (var link = new AsyncLink())
+                    link.Open(device.Port);
+            int after = OpenDescriptors();
+            Check(after == before, "descriptors before " + before + ", after " + after);
+        }
+    }
+
     private static void UseAfterDispose(string dir)
     {
         using (var device = new Device(dir))
@@ -464,6 +486,7 @@ internal static class Tests
             Run("async_link_replies", AsyncLinkReplies);
             Run("finalizer_frees_a_forgotten_link", FinalizerFreesAForgottenLink);
             Run("use_after_dispose", UseAfterDispose);
+            Run("open_dispose_cycles_leak_nothing", OpenDisposeCyclesLeakNothing);
             Run("ini_round_trip", IniRoundTrip);
             Run("crc", Crc);
             Run("batch_geometry", BatchGeometry);
