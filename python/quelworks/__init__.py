@@ -10,12 +10,13 @@ import array as _array
 import ctypes
 import itertools
 import os
+import threading
 
 from . import _native
 from ._native import CalibrationPoint, Point, lib
 
 __all__ = [
-    "Error", "TimeoutError", "Port", "Bootloader", "IniFile", "crc16", "version", "list_ports",
+    "Error", "TimeoutError", "Port", "AsyncLink", "Bootloader", "IniFile", "crc16", "version", "list_ports",
     "point_in_polygon", "points_in_polygon", "transform", "transform_many",
 ]
 
@@ -146,16 +147,135 @@ class Port(_Handle):
         _check(lib.qw_port_receive(self._h(), buffer, count, timeout_ms))
         return buffer.raw
 
+    def disconnect(self):
+        """Closes the port (the object stays usable; close() releases it)."""
+        _check(lib.qw_port_close(self._h()))
+
+    @property
+    def is_open(self):
+        value = ctypes.c_int32()
+        _check(lib.qw_port_is_open(self._h(), ctypes.byref(value)))
+        return bool(value.value)
+
     def receive_until_quiet(self, timeout_ms=100):
         """Whatever comes until the line stays quiet (possibly b"")."""
         data = _native.u8p()
         length = ctypes.c_int32()
         _check(lib.qw_port_receive_until_quiet(self._h(), timeout_ms, ctypes.byref(data),
                                                ctypes.byref(length)))
-        try:
-            return ctypes.string_at(data, length.value) if length.value else b""
-        finally:
-            lib.qw_free(data)
+        return _take(data, length.value)
+
+    def receive_line(self, timeout_ms=1000):
+        """One line, terminator included, as bytes; TimeoutError when no full line came."""
+        data = _native.u8p()
+        length = ctypes.c_int32()
+        _check(lib.qw_port_receive_line(self._h(), timeout_ms, ctypes.byref(data),
+                                        ctypes.byref(length)))
+        return _take(data, length.value)
+
+
+def _take(data, length):
+    try:
+        return ctypes.string_at(data, length) if length else b""
+    finally:
+        lib.qw_free(data)
+
+
+class AsyncLink(_Handle):
+    """A queued serial link with a background thread: each cycle (about 50 ms) it sends at most one
+    queued message and reads at most one byte. Replies are framed by the reply table (a registered
+    command byte gives a reply of fixed length, any other first byte one that ends with the
+    terminator) and handed to on_receive(reply_bytes); on_disconnect(code) is called when the link
+    drops (0: a send failed). Both run on the link's thread. An exception they raise stays out of
+    the library: the first one is kept in `callback_error` and the link goes on. A callback may call
+    send and queue_length on its link, but not close it.
+    """
+
+    _free = staticmethod(lib.qw_async_free)
+
+    def __init__(self, baud_rate=9600, xon_xoff=False, on_receive=None, on_disconnect=None):
+        super().__init__()
+        _check(lib.qw_async_new(ctypes.byref(self._handle)))
+        _check(lib.qw_async_set_baud_rate(self._h(), baud_rate))
+        _check(lib.qw_async_set_xon_xoff(self._h(), int(bool(xon_xoff))))
+        self.on_receive = on_receive
+        self.on_disconnect = on_disconnect
+        self.callback_error = None
+
+        self._calling_thread = None
+
+        def received(data, length, _user):
+            self._calling_thread = threading.get_ident()
+            try:
+                if self.on_receive is not None:
+                    self.on_receive(ctypes.string_at(data, length))
+            except BaseException as error:  # never into the library's thread
+                if self.callback_error is None:
+                    self.callback_error = error
+            finally:
+                self._calling_thread = None
+
+        def disconnected(code, _user):
+            self._calling_thread = threading.get_ident()
+            try:
+                if self.on_disconnect is not None:
+                    self.on_disconnect(code)
+            except BaseException as error:
+                if self.callback_error is None:
+                    self.callback_error = error
+            finally:
+                self._calling_thread = None
+
+        # Kept on the object so the C function pointers live as long as the link.
+        self._callbacks = (_native.RECEIVE_FN(received), _native.DISCONNECT_FN(disconnected))
+        _check(lib.qw_async_set_callbacks(self._h(), *self._callbacks, None))
+
+    def add_command(self, command, expected_length):
+        """Registers a reply of expected_length bytes in total for a command byte; False when the
+        command was registered already."""
+        added = ctypes.c_int32()
+        _check(lib.qw_async_add_command(self._h(), command, expected_length, ctypes.byref(added)))
+        return bool(added.value)
+
+    def delete_command(self, command):
+        _check(lib.qw_async_delete_command(self._h(), command))
+
+    def set_terminator(self, terminator):
+        _check(lib.qw_async_set_terminator(self._h(), terminator.encode()))
+
+    def open(self, name):
+        _check(lib.qw_async_open(self._h(), _name(name)))
+
+    def _refuse_from_own_callback(self):
+        if self._handle and self._calling_thread == threading.get_ident():
+            raise Error("a link cannot be closed from its own callback", -1)
+
+    def disconnect(self):
+        """Drops the queue, stops the thread and closes the port (the object stays usable)."""
+        self._refuse_from_own_callback()
+        _check(lib.qw_async_close(self._h()))
+
+    def close(self):
+        """Stops the link and releases it; further calls raise Error."""
+        self._refuse_from_own_callback()
+        super().close()
+
+    @property
+    def is_open(self):
+        value = ctypes.c_int32()
+        _check(lib.qw_async_is_open(self._h(), ctypes.byref(value)))
+        return bool(value.value)
+
+    def send(self, data):
+        """Queues a copy of the bytes (or of the text as UTF-8)."""
+        data = data.encode() if isinstance(data, str) else bytes(data)
+        _check(lib.qw_async_send(self._h(), data, len(data)))
+
+    @property
+    def queue_length(self):
+        value = ctypes.c_int32()
+        _check(lib.qw_async_queue_length(self._h(), ctypes.byref(value)))
+        return value.value
 
 
 class Bootloader(_Handle):

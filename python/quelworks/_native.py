@@ -54,6 +54,8 @@ class CalibrationPoint(ctypes.Structure):
 
 
 PROGRESS_FN = ctypes.CFUNCTYPE(i32, i32, i32, ctypes.c_void_p)
+RECEIVE_FN = ctypes.CFUNCTYPE(None, u8p, i32, ctypes.c_void_p)
+DISCONNECT_FN = ctypes.CFUNCTYPE(None, i32, ctypes.c_void_p)
 
 
 def _declare(name, args, restype=status):
@@ -85,7 +87,23 @@ _declare("qw_port_close", [handle])
 _declare("qw_port_send", [handle, ctypes.c_char_p, i32])
 _declare("qw_port_receive", [handle, ctypes.c_char_p, i32, i32])
 _declare("qw_port_receive_until_quiet", [handle, i32, ctypes.POINTER(u8p), ctypes.POINTER(i32)])
+_declare("qw_port_is_open", [handle, ctypes.POINTER(i32)])
+_declare("qw_port_receive_line", [handle, i32, ctypes.POINTER(u8p), ctypes.POINTER(i32)])
 _declare("qw_port_list", [ctypes.POINTER(handle)])
+
+_declare("qw_async_new", [ctypes.POINTER(handle)])
+_declare("qw_async_free", [handle])
+_declare("qw_async_set_baud_rate", [handle, ctypes.c_uint32])
+_declare("qw_async_set_xon_xoff", [handle, i32])
+_declare("qw_async_set_callbacks", [handle, RECEIVE_FN, DISCONNECT_FN, ctypes.c_void_p])
+_declare("qw_async_add_command", [handle, ctypes.c_uint8, i32, ctypes.POINTER(i32)])
+_declare("qw_async_delete_command", [handle, ctypes.c_uint8])
+_declare("qw_async_set_terminator", [handle, ctypes.c_char_p])
+_declare("qw_async_open", [handle, ctypes.c_char_p])
+_declare("qw_async_close", [handle])
+_declare("qw_async_is_open", [handle, ctypes.POINTER(i32)])
+_declare("qw_async_send", [handle, ctypes.c_char_p, i32])
+_declare("qw_async_queue_length", [handle, ctypes.POINTER(i32)])
 
 _declare("qw_boot_new", [ctypes.c_char_p, i32, i32, ctypes.POINTER(handle)])
 _declare("qw_boot_free", [handle])

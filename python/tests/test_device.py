@@ -93,3 +93,56 @@ def test_objects_fail_cleanly_after_close(device_factory):
     port.close()
     with pytest.raises(quelworks.Error):
         port.send(b"x")
+
+
+def test_async_link_frames_replies_and_survives_a_raising_callback(device_factory):
+    device = device_factory("--type", "0x0A02")
+    replies, seen = [], {}
+
+    def on_receive(reply):
+        replies.append(reply)
+        seen["queue"] = link.queue_length  # calls back into the library from the link's thread
+        try:
+            link.close()
+        except quelworks.Error as error:
+            seen["close"] = error
+        if len(replies) == 1:
+            raise ValueError("handler failed")
+
+    with quelworks.AsyncLink(on_receive=on_receive) as link:
+        assert link.add_command(0x11, 3) and not link.add_command(0x11, 3)
+        link.add_command(0x15, 3)
+        link.open(device.port)
+        link.send(b"\x11")
+        for _ in range(200):
+            if replies:
+                break
+            time.sleep(0.025)
+        assert replies == [b"\x11\x0a\x02"]
+        assert isinstance(link.callback_error, ValueError)
+        assert isinstance(seen["close"], quelworks.Error) and seen["queue"] == 0
+        # A zero byte inside a message goes out (the device ignores it), and a reply holding a
+        # zero byte (revision 7) arrives whole; the link goes on after the handler raised.
+        link.send(b"\x00\x15")
+        for _ in range(200):
+            if len(replies) == 2:
+                break
+            time.sleep(0.025)
+        assert replies[1] == b"\x15\x00\x07"
+        link.disconnect()
+        assert not link.is_open
+        with pytest.raises(quelworks.Error):
+            link.send(b"\x11")
+    with pytest.raises(quelworks.Error):
+        link.send(b"\x11")
+
+
+def test_port_lines(device_factory):
+    device = device_factory("--serial", "AB\n")
+    with quelworks.Port(device.port, terminator="\n") as port:
+        assert port.is_open
+        port.send(b"\x19")  # serial number: echo + 8 bytes, zero-padded
+        assert port.receive_line() == b"\x19AB\n"
+        assert port.receive_until_quiet(100) == b"\x00" * 5
+        port.disconnect()
+        assert not port.is_open
