@@ -69,7 +69,8 @@ namespace Quelworks
 
     internal static class Utf8
     {
-        private static readonly UTF8Encoding Strict = new UTF8Encoding(false, false);
+        // Invalid bytes from the library become U+FFFD; text going in is always valid UTF-8.
+        private static readonly UTF8Encoding Encoding = new UTF8Encoding(false, false);
 
         /// <summary>A zero-terminated UTF-8 copy of text for the library (null stays null).</summary>
         public static byte[] ToNative(string text, string what)
@@ -77,8 +78,8 @@ namespace Quelworks
             if (text == null) return null;
             if (text.IndexOf('\0') >= 0)
                 throw new ArgumentException(what + " holds a zero character, which would cut it short", what);
-            var bytes = new byte[Strict.GetByteCount(text) + 1];
-            Strict.GetBytes(text, 0, text.Length, bytes, 0);
+            var bytes = new byte[Encoding.GetByteCount(text) + 1];
+            Encoding.GetBytes(text, 0, text.Length, bytes, 0);
             return bytes;
         }
 
@@ -90,12 +91,12 @@ namespace Quelworks
             while (Marshal.ReadByte(text, length) != 0) ++length;
             var bytes = new byte[length];
             Marshal.Copy(text, bytes, 0, length);
-            return Strict.GetString(bytes);
+            return Encoding.GetString(bytes);
         }
 
         public static string FromBytes(byte[] bytes, int length)
         {
-            return Strict.GetString(bytes, 0, length);
+            return Encoding.GetString(bytes, 0, length);
         }
     }
 

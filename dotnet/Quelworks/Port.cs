@@ -18,11 +18,19 @@ namespace Quelworks
         public Port(string name = null, uint baudRate = 9600, bool xonXoff = false, string terminator = null)
         {
             Call.Check(NativeMethods.qw_port_new(out handle));
-            Call.Check(NativeMethods.qw_port_set_baud_rate(handle, baudRate));
-            Call.Check(NativeMethods.qw_port_set_xon_xoff(handle, xonXoff ? 1 : 0));
-            if (terminator != null)
-                Call.Check(NativeMethods.qw_port_set_line_terminator(handle, Utf8.ToNative(terminator, "terminator")));
-            if (name != null) Open(name);
+            try
+            {
+                Call.Check(NativeMethods.qw_port_set_baud_rate(handle, baudRate));
+                Call.Check(NativeMethods.qw_port_set_xon_xoff(handle, xonXoff ? 1 : 0));
+                if (terminator != null)
+                    Call.Check(NativeMethods.qw_port_set_line_terminator(handle, Utf8.ToNative(terminator, "terminator")));
+                if (name != null) Open(name);
+            }
+            catch
+            {
+                handle.Dispose(); // nobody else can
+                throw;
+            }
         }
 
         /// <summary>The serial ports the system knows.</summary>
@@ -180,8 +188,16 @@ namespace Quelworks
         public AsyncLink(uint baudRate = 9600, bool xonXoff = false)
         {
             Call.Check(NativeMethods.qw_async_new(out handle));
-            Call.Check(NativeMethods.qw_async_set_baud_rate(handle, baudRate));
-            Call.Check(NativeMethods.qw_async_set_xon_xoff(handle, xonXoff ? 1 : 0));
+            try
+            {
+                Call.Check(NativeMethods.qw_async_set_baud_rate(handle, baudRate));
+                Call.Check(NativeMethods.qw_async_set_xon_xoff(handle, xonXoff ? 1 : 0));
+            }
+            catch
+            {
+                handle.Dispose();
+                throw;
+            }
             // The delegates live in the handle, so they stay alive as long as the native link
             // that calls them.
             handle.OnReceive = (data, length, user) =>
