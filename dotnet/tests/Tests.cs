@@ -240,7 +240,7 @@ internal static class Tests
         using (var device = new Device(dir, "--type", "0x0A02"))
         using (var port = new Port(device.Port))
         {
-            Check(port.IsOpen && port.Name == device.Port, "open, name kept");
+            Check(port.IsOpen && port.Name == device.Port && port.BaudRate == 9600, "open, name and rate kept");
             port.Send(new byte[] { 0x11 });
             byte[] reply = port.Receive(3);
             Check(reply[0] == 0x11 && reply[1] == 0x0A && reply[2] == 0x02, "device type reply");
@@ -414,6 +414,21 @@ internal static class Tests
         Throws<ArgumentNullException>(() => ini.Get(null, "k"), "null section");
     }
 
+    // Every function the package declares is found in the loaded library (a misspelt or missing
+    // name would otherwise show only when that call is first made).
+    private static void EveryDeclaredFunctionIsExported(string dir)
+    {
+        Type native = typeof(Port).Assembly.GetType("Quelworks.NativeMethods", true);
+        var methods = native.GetMethods(System.Reflection.BindingFlags.Static | System.Reflection.BindingFlags.NonPublic);
+        int count = 0;
+        foreach (var method in methods.Where(m => (m.Attributes & System.Reflection.MethodAttributes.PinvokeImpl) != 0))
+        {
+            System.Runtime.InteropServices.Marshal.Prelink(method);
+            ++count;
+        }
+        Check(count >= 70, "declarations found: " + count);
+    }
+
     private static void Crc(string dir)
     {
         byte[] check = Encoding.ASCII.GetBytes("123456789");
@@ -488,6 +503,7 @@ internal static class Tests
             Run("use_after_dispose", UseAfterDispose);
             Run("open_dispose_cycles_leak_nothing", OpenDisposeCyclesLeakNothing);
             Run("ini_round_trip", IniRoundTrip);
+            Run("every_declared_function_is_exported", EveryDeclaredFunctionIsExported);
             Run("crc", Crc);
             Run("batch_geometry", BatchGeometry);
         }
