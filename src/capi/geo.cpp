@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "capi/capi_internal.h"
+#include "geometry/polygon_internal.h"
 #include "quelworks/geometry/coordinate_transformation.h"
 #include "quelworks/geometry/hatching.h"
 #include "quelworks/geometry/polygon.h"
@@ -15,6 +16,9 @@ namespace {
 static_assert(sizeof(qw_point) == sizeof(pointf) && sizeof(qw_point) == sizeof(Vector2f),
               "qw_point has the layout of pointf and Vector2f");
 static_assert(sizeof(qw_rectf) == sizeof(rectanglef), "qw_rectf has the layout of rectanglef");
+
+// From this many points on, a batch containment test prepares the polygon first.
+constexpr int32_t kIndexFrom = 16;
 
 std::vector<pointf> toPointf(const qw_point* points, int32_t count) {
     std::vector<pointf> out;
@@ -82,8 +86,17 @@ QW_C_API qw_status QW_CALL qw_geo_points_in_polygon(const qw_point* polygon, int
         if (qw_status s = checkBuffer(points, count, "points")) return s;
         if (qw_status s = checkBuffer(inside, count, "inside")) return s;
         const std::vector<pointf> shape = toPointf(polygon, vertex_count);
+        if (count < kIndexFrom) {
+            for (int32_t i = 0; i < count; ++i)
+                inside[i] = IsPointInPolygon(pointf(points[i].x, points[i].y), shape) ? 1 : 0;
+            return QW_OK;
+        }
+        // Many points: the prepared polygon gives the same answers without copying the polygon
+        // for every point, and looks only at the edges level with each point.
+        const quelworks::detail::PolygonIndex index(shape);
+        quelworks::detail::PolygonScratch scratch;
         for (int32_t i = 0; i < count; ++i)
-            inside[i] = IsPointInPolygon(pointf(points[i].x, points[i].y), shape) ? 1 : 0;
+            inside[i] = index.contains(pointf(points[i].x, points[i].y), scratch) ? 1 : 0;
         return QW_OK;
     });
 }
