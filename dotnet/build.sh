@@ -10,7 +10,7 @@ set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 out=${1:-$here/../build/dotnet}
 mkdir -p "$out"
-mcs -nologo -warnaserror -langversion:5 -target:library -doc:"$out/Quelworks.xml" -nowarn:1591 \
+mcs -nologo -warnaserror -langversion:5 -target:library -doc:"$out/Quelworks.xml" \
     -out:"$out/Quelworks.dll" "$here"/Quelworks/*.cs
 cp "$here/Quelworks/Quelworks.dll.config" "$out/"
 mcs -nologo -warnaserror -langversion:5 -r:"$out/Quelworks.dll" -r:System.Core -out:"$out/Tests.exe" "$here/tests/Tests.cs"

@@ -48,6 +48,7 @@ namespace Quelworks
             Call.Check(NativeMethods.qw_boot_read_identity(H));
         }
 
+        /// <summary>Whether the device's identity has been read.</summary>
         public bool HasIdentity
         {
             get
@@ -67,19 +68,28 @@ namespace Quelworks
             return value;
         }
 
+        /// <summary>The device type (needs the identity; QuelworksException otherwise).</summary>
         public int DeviceType { get { return Get(NativeMethods.qw_boot_get_device_type); } }
+        /// <summary>The device sub-type.</summary>
         public int SubDeviceType { get { return Get(NativeMethods.qw_boot_get_sub_device_type); } }
+        /// <summary>The hardware revision.</summary>
         public int Revision { get { return Get(NativeMethods.qw_boot_get_revision); } }
+        /// <summary>The firmware version.</summary>
         public int FirmwareVersion { get { return Get(NativeMethods.qw_boot_get_firmware_version); } }
+        /// <summary>The bootloader version.</summary>
         public int BootloaderVersion { get { return Get(NativeMethods.qw_boot_get_bootloader_version); } }
+        /// <summary>The highest baud rate the device supports.</summary>
         public int MaxBaudRate { get { return Get(NativeMethods.qw_boot_get_max_baud_rate); } }
+        /// <summary>Whether the device is in programming mode.</summary>
         public bool InProgramMode { get { return Get(NativeMethods.qw_boot_get_program_mode) == 0; } }
 
+        /// <summary>The device's serial number.</summary>
         public string SerialNumber
         {
             get { return Call.Text((byte[] b, int s, out int n) => NativeMethods.qw_boot_get_serial_number(H, b, s, out n)); }
         }
 
+        /// <summary>The device's free-text description.</summary>
         public string Description
         {
             get { return Call.Text((byte[] b, int s, out int n) => NativeMethods.qw_boot_get_description(H, b, s, out n)); }
@@ -126,6 +136,7 @@ namespace Quelworks
             Call.Check(code);
         }
 
+        /// <summary>Releases the client (the port is not held between calls).</summary>
         public void Dispose()
         {
             handle.Dispose();

@@ -8,15 +8,19 @@ namespace Quelworks
     [StructLayout(LayoutKind.Sequential)]
     public struct Point
     {
+        /// <summary>x coordinate.</summary>
         public float X;
+        /// <summary>y coordinate (upwards).</summary>
         public float Y;
 
+        /// <summary>A point at (x, y).</summary>
         public Point(float x, float y)
         {
             X = x;
             Y = y;
         }
 
+        /// <summary>The point as "(x, y)".</summary>
         public override string ToString()
         {
             return "(" + X + ", " + Y + ")";
@@ -27,11 +31,16 @@ namespace Quelworks
     [StructLayout(LayoutKind.Sequential)]
     public struct RectF
     {
+        /// <summary>x of the corner of smallest coordinates.</summary>
         public float X;
+        /// <summary>y of the corner of smallest coordinates.</summary>
         public float Y;
+        /// <summary>Width.</summary>
         public float Width;
+        /// <summary>Height.</summary>
         public float Height;
 
+        /// <summary>A rectangle from its corner of smallest coordinates and its size.</summary>
         public RectF(float x, float y, float width, float height)
         {
             X = x;
@@ -45,7 +54,9 @@ namespace Quelworks
     [StructLayout(LayoutKind.Sequential)]
     public struct Segment
     {
+        /// <summary>Where the segment starts.</summary>
         public Point Start;
+        /// <summary>Where the segment ends.</summary>
         public Point End;
     }
 
@@ -53,9 +64,12 @@ namespace Quelworks
     [StructLayout(LayoutKind.Sequential)]
     public struct CalibrationPoint
     {
+        /// <summary>Where the camera saw the mark.</summary>
         public Point Camera;
+        /// <summary>Where the device put it.</summary>
         public Point Device;
 
+        /// <summary>A calibration pair.</summary>
         public CalibrationPoint(Point camera, Point device)
         {
             Camera = camera;
@@ -165,9 +179,12 @@ namespace Quelworks
     {
         /// <summary>The start value of the device's block checksum.</summary>
         public const ushort AllOnes = 0xFFFF;
+        /// <summary>Start value zero.</summary>
         public const ushort Zeros = 0x0000;
+        /// <summary>The augmented start value.</summary>
         public const ushort Augmented = 0x1D0F;
 
+        /// <summary>The CRC of the whole array.</summary>
         public static ushort Compute(byte[] data, ushort initial = AllOnes)
         {
             if (data == null) throw new ArgumentNullException("data");

@@ -9,6 +9,7 @@ namespace Quelworks
     {
         private readonly byte[] file;
 
+        /// <summary>Operations on the file at path (UTF-8 on every system).</summary>
         public IniFile(string path)
         {
             if (path == null) throw new ArgumentNullException("path");
@@ -16,6 +17,7 @@ namespace Quelworks
             file = Utf8.ToNative(path, "path");
         }
 
+        /// <summary>The file's path.</summary>
         public string Path { get; private set; }
 
         /// <summary>Writes an empty file (creating or emptying it).</summary>
@@ -32,6 +34,7 @@ namespace Quelworks
             return Call.Text((byte[] b, int size, out int n) => NativeMethods.qw_ini_get_value(file, s, k, b, size, out n));
         }
 
+        /// <summary>Whether the key exists in the section (a file that cannot be opened counts as true).</summary>
         public bool Has(string section, string key)
         {
             int exists;
@@ -39,6 +42,7 @@ namespace Quelworks
             return exists != 0;
         }
 
+        /// <summary>Whether the section exists.</summary>
         public bool HasSection(string section)
         {
             int exists;
@@ -64,11 +68,13 @@ namespace Quelworks
                 Call.Check(NativeMethods.qw_ini_delete_record(file, N(section, "section"), N(key, "key")));
         }
 
+        /// <summary>Adds an empty section.</summary>
         public void AddSection(string section)
         {
             Call.Check(NativeMethods.qw_ini_add_section(file, N(section, "section")));
         }
 
+        /// <summary>Renames a section.</summary>
         public void RenameSection(string oldName, string newName)
         {
             Call.Check(NativeMethods.qw_ini_rename_section(file, N(oldName, "oldName"), N(newName, "newName")));
@@ -82,16 +88,19 @@ namespace Quelworks
             Call.Check(NativeMethods.qw_ini_comment_record(file, N(section, "section"), N(key, "key"), (byte)commentChar));
         }
 
+        /// <summary>Makes a commented-out entry live again.</summary>
         public void UncommentRecord(string section, string key)
         {
             Call.Check(NativeMethods.qw_ini_uncomment_record(file, N(section, "section"), N(key, "key")));
         }
 
+        /// <summary>Sorts the sections by name and the keys within each (bytewise; descending when asked).</summary>
         public void Sort(bool descending = false)
         {
             Call.Check(NativeMethods.qw_ini_sort(file, descending ? 1 : 0));
         }
 
+        /// <summary>The section names in file order.</summary>
         public string[] Sections()
         {
             StringsHandle names;

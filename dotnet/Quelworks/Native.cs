@@ -9,22 +9,34 @@ namespace Quelworks
     /// <summary>The library's status codes (0 is success).</summary>
     public enum Status
     {
+        /// <summary>Success.</summary>
         Ok = 0,
+        /// <summary>A null, freed or wrong handle, a null pointer or a value out of range.</summary>
         InvalidArgument = -1,
+        /// <summary>The operation ran and did not succeed.</summary>
         Failed = -2,
+        /// <summary>No (complete) answer within the time-out.</summary>
         Timeout = -3,
+        /// <summary>A buffer was too small (handled inside the package).</summary>
         BufferTooSmall = -4,
+        /// <summary>Out of memory.</summary>
         NoMemory = -5,
+        /// <summary>The information is not available (identity not read).</summary>
         NotAvailable = -6,
+        /// <summary>Malformed input file.</summary>
         Format = -7,
+        /// <summary>A callback asked to stop.</summary>
         Cancelled = -8,
+        /// <summary>The port or link is not open.</summary>
         NotOpen = -9,
+        /// <summary>An unexpected internal error.</summary>
         Internal = -10,
     }
 
     /// <summary>A failed library call, with the library's own message and status code.</summary>
     public class QuelworksException : Exception
     {
+        /// <summary>An exception with the library's message and status.</summary>
         public QuelworksException(string message, Status status) : base(message)
         {
             Status = status;
@@ -37,6 +49,7 @@ namespace Quelworks
     /// <summary>The device or the line did not answer in time.</summary>
     public class QuelworksTimeoutException : QuelworksException
     {
+        /// <summary>A time-out with the library's message.</summary>
         public QuelworksTimeoutException(string message) : base(message, Status.Timeout)
         {
         }

@@ -53,6 +53,7 @@ namespace Quelworks
             Call.Check(NativeMethods.qw_port_close(H));
         }
 
+        /// <summary>Whether the port is open.</summary>
         public bool IsOpen
         {
             get
@@ -69,6 +70,7 @@ namespace Quelworks
             get { return Call.Text((byte[] b, int s, out int n) => NativeMethods.qw_port_get_name(H, b, s, out n)); }
         }
 
+        /// <summary>The baud rate, used from the next Open.</summary>
         public uint BaudRate
         {
             get
@@ -110,6 +112,7 @@ namespace Quelworks
             }
         }
 
+        /// <summary>Sends the bytes; with SendProgress set, in chunks with progress reports.</summary>
         public void Send(byte[] data)
         {
             if (data == null) throw new ArgumentNullException("data");
@@ -156,6 +159,7 @@ namespace Quelworks
             return Encoding.UTF8.GetString(bytes);
         }
 
+        /// <summary>Closes the port and releases the link.</summary>
         public void Dispose()
         {
             handle.Dispose();
@@ -262,6 +266,7 @@ namespace Quelworks
             return added != 0;
         }
 
+        /// <summary>Removes a command from the reply table.</summary>
         public void DeleteCommand(byte command)
         {
             Call.Check(NativeMethods.qw_async_delete_command(H, command));
@@ -287,6 +292,7 @@ namespace Quelworks
             Call.Check(NativeMethods.qw_async_close(H));
         }
 
+        /// <summary>Whether the link is open.</summary>
         public bool IsOpen
         {
             get
@@ -304,12 +310,14 @@ namespace Quelworks
             Call.Check(NativeMethods.qw_async_send(H, data, data.Length));
         }
 
+        /// <summary>Queues the text as UTF-8.</summary>
         public void Send(string text)
         {
             if (text == null) throw new ArgumentNullException("text");
             Send(Encoding.UTF8.GetBytes(text));
         }
 
+        /// <summary>The number of queued messages.</summary>
         public int QueueLength
         {
             get
@@ -320,6 +328,7 @@ namespace Quelworks
             }
         }
 
+        /// <summary>Stops the link (as Close) and releases it.</summary>
         public void Dispose()
         {
             RefuseFromOwnHandler("Dispose");
