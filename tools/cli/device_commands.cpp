@@ -911,6 +911,7 @@ void flashOneDevice(DeviceRun& run, const FlashJob& job) {
         } catch (const FlashInterrupted& stop) {
             t_run = nullptr;
             boot.reset();  // closes the port
+            run.done.store(stop.done);
             int calls = 0;
             {
                 std::lock_guard<std::mutex> lock(run.mutex);
