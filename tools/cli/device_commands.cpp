@@ -386,6 +386,16 @@ void onProgress(int done, int total) {
 // Explains why UpdateFirmware failed after `calls` progress callbacks; the port is closed.
 [[noreturn]] void explainFailedUpdate(const std::string& port, int timeout, std::uint32_t baudrate,
                                       int calls, long long imageSize, long long blocks) {
+    std::string of = blocks > 0 ? " of " + std::to_string(blocks) : "";
+    // An unplugged adapter (or a simulator that ended) takes its port with it.
+    if (CheckPortName(port).status == PortNameCheck::Status::Missing) {
+        throw CommandError(kExitPortUnavailable,
+                           "the port " + port + " went away during " +
+                               (calls == 0 ? std::string("the firmware header")
+                                           : "block " + std::to_string(calls) + of) +
+                               " (was the device unplugged?); the device may hold a partial "
+                               "image: flash it again");
+    }
     if (ByteArrivesWithin(port.c_str(), baudrate, lateWindowMs(timeout))) throwLate(port, timeout);
     if (calls == 0) {
         throw CommandError(kExitHeaderRefused,
@@ -394,7 +404,6 @@ void onProgress(int done, int total) {
                                "-byte image (is the image meant for this device?)");
     }
     // The callback runs before each block, so the last call names the block that failed.
-    std::string of = blocks > 0 ? " of " + std::to_string(blocks) : "";
     throw CommandError(kExitBlockRejected, "the device rejected block " + std::to_string(calls) +
                                                of +
                                                " (the device holds a partial image: flash again)");
