@@ -40,8 +40,8 @@ std::string writeImage() {
 class Devsim {
 public:
     Devsim() {
-        pipe_ = ::popen("echo $$; exec " QW_DEVSIM_PATH " --line-rate 115200 --block-size 256",
-                        "r");
+        pipe_ =
+            ::popen("echo $$; exec " QW_DEVSIM_PATH " --line-rate 115200 --block-size 256", "r");
         char line[256] = {};
         if (pipe_ != nullptr && std::fgets(line, sizeof line, pipe_) != nullptr)
             pid_ = std::atoi(line);
@@ -84,8 +84,8 @@ bool run(const std::vector<std::string>& args, double* cpuSeconds) {
 void BM_FlashDevicesAtOnce(benchmark::State& state) {
     const int count = static_cast<int>(state.range(0));
     std::vector<std::unique_ptr<Devsim>> devices;
-    std::vector<std::string> args = {QW_CLI_PATH, "flash", writeImage(), "--progress", "none",
-                                     "--json"};
+    std::vector<std::string> args = {QW_CLI_PATH,  "flash", writeImage(),
+                                     "--progress", "none",  "--json"};
     for (int i = 0; i < count; ++i) {
         devices.push_back(std::make_unique<Devsim>());
         if (devices.back()->port().empty()) {
@@ -122,6 +122,7 @@ BENCHMARK(BM_FlashDevicesAtOnce)
     ->Arg(16)
     ->Arg(32)
     ->Arg(64)
+    ->Arg(128)
     ->UseManualTime()
     ->Unit(benchmark::kSecond)
     ->Iterations(2);

@@ -699,7 +699,9 @@ struct DeviceRun {
 // The rows on a terminal or the timestamped lines otherwise, for many workers at once.
 class MultiDisplay {
 public:
-    MultiDisplay(bool rows, std::FILE* out) : rows_(rows), out_(out) {}
+    // Rows on a terminal, lines otherwise; `quiet` leaves out the progress lines and keeps the
+    // outcome of each device.
+    MultiDisplay(bool rows, bool quiet, std::FILE* out) : rows_(rows), quiet_(quiet), out_(out) {}
 
     // A line about one device: at once in line mode; on a terminal the device's row shows
     // `state`, and `permanent` lines are printed above the rows.
@@ -709,6 +711,7 @@ public:
             std::lock_guard<std::mutex> lock(run.mutex);
             run.state = state;
         }
+        if (quiet_ && !permanent) return;
         std::lock_guard<std::mutex> lock(mutex_);
         if (!rows_) {
             std::fprintf(out_, "%s %s: %s\n", clockTime().c_str(), run.port.c_str(), line.c_str());
@@ -802,6 +805,7 @@ private:
     }
 
     bool rows_;
+    bool quiet_;
     std::FILE* out_;
     std::mutex mutex_;
     std::vector<DeviceRun*> runs_;
@@ -1059,7 +1063,7 @@ bool useRows(const std::string& progress) {
 void runMultiFlash(const FlashOptions& options, const std::vector<std::string>& ports) {
     checkImage(options.image);
     ImageSnapshot image(options.image);
-    MultiDisplay display(useRows(options.progress) && options.progress != "none", stderr);
+    MultiDisplay display(useRows(options.progress), options.progress == "none", stderr);
     InterruptWatch interrupt;
     std::atomic<bool> stop{false};
     FlashJob job;
@@ -1120,7 +1124,7 @@ void runMultiFlash(const FlashOptions& options, const std::vector<std::string>& 
 void runWatch(const FlashOptions& options) {
     checkImage(options.image);
     ImageSnapshot image(options.image);
-    MultiDisplay display(useRows(options.progress) && options.progress != "none", stderr);
+    MultiDisplay display(useRows(options.progress), options.progress == "none", stderr);
     InterruptWatch interrupt;
     std::atomic<bool> stop{false};
     std::mutex flashedMutex;
