@@ -86,6 +86,7 @@ _declare("qw_port_send", [handle, ctypes.c_char_p, i32])
 _declare("qw_port_receive", [handle, ctypes.c_char_p, i32, i32])
 _declare("qw_port_receive_until_quiet", [handle, i32, ctypes.POINTER(u8p), ctypes.POINTER(i32)])
 _declare("qw_port_list", [ctypes.POINTER(handle)])
+_declare("qw_port_list_details", [ctypes.POINTER(i32), ctypes.POINTER(handle)])
 
 _declare("qw_boot_new", [ctypes.c_char_p, i32, i32, ctypes.POINTER(handle)])
 _declare("qw_boot_free", [handle])

@@ -660,16 +660,13 @@ std::vector<std::string> choosePorts(const PortChoice& choice) {
     return ports;
 }
 
+// The wall-clock time of day, "14:03:07". Called only with the display's lock held, which also
+// guards std::localtime's shared result.
 std::string clockTime() {
     std::time_t now = std::time(nullptr);
-    std::tm local{};
-#ifdef _WIN32
-    localtime_s(&local, &now);
-#else
-    localtime_r(&now, &local);
-#endif
-    char text[16];
-    std::strftime(text, sizeof text, "%H:%M:%S", &local);
+    const std::tm* local = std::localtime(&now);
+    char text[16] = "--:--:--";
+    if (local != nullptr) std::strftime(text, sizeof text, "%H:%M:%S", local);
     return text;
 }
 
@@ -1165,8 +1162,12 @@ void runWatch(const FlashOptions& options) {
                 it = present.count(*it) == 0 ? attached.erase(it) : std::next(it);
             }
             for (const std::string& key : present) {
-                if (!attached.insert(key).second) continue;
-                auto run = std::make_unique<DeviceRun>(key.substr(key.find('\n') + 1));
+                std::string name = key.substr(key.find('\n') + 1);
+                // A port that came back while its last flash is still ending waits a poll.
+                bool busy = std::any_of(active.begin(), active.end(),
+                                        [&](const auto& run) { return run->port == name; });
+                if (busy || !attached.insert(key).second) continue;
+                auto run = std::make_unique<DeviceRun>(name);
                 display.add(run.get());
                 DeviceRun* device = run.get();
                 device->thread = std::thread([device, &job] { flashOneDevice(*device, job); });
