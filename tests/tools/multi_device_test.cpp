@@ -61,9 +61,10 @@ public:
     explicit Background(const std::string& command) {
         out_ = tempPath("bg" + std::to_string(++count_) + ".out");
         err_ = out_ + ".err";
-        pipe_ = ::popen(
-            ("echo $$; exec timeout --foreground -s KILL 90 " + command + " >" + out_ + " 2>" + err_).c_str(),
-            "r");
+        pipe_ = ::popen(("echo $$; exec timeout --foreground -s KILL 90 " + command + " >" + out_ +
+                         " 2>" + err_)
+                            .c_str(),
+                        "r");
         char line[64] = {};
         if (pipe_ != nullptr && std::fgets(line, sizeof line, pipe_) != nullptr)
             pid_ = std::atoi(line);
