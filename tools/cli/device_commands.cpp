@@ -748,6 +748,7 @@ public:
         if (rows_) drawLocked();
         std::fflush(out_);
     }
+    bool rows() const { return rows_; }
     void setStatus(const std::string& status) {
         std::lock_guard<std::mutex> lock(mutex_);
         status_ = status;
@@ -1176,11 +1177,13 @@ void runWatch(const FlashOptions& options) {
         }
         bool changed = false;
         for (auto it = active.begin(); it != active.end();) {
-            DeviceRun& run = **it;
-            if (!run.finished.load()) {
+            if (!(*it)->finished.load()) {
                 ++it;
                 continue;
             }
+            // Kept alive until the display has let go of it.
+            std::unique_ptr<DeviceRun> owned = std::move(*it);
+            DeviceRun& run = *owned;
             run.thread.join();
             DeviceRun::Result result;
             {
@@ -1191,16 +1194,18 @@ void runWatch(const FlashOptions& options) {
             if (result == DeviceRun::Result::Failed) ++failed;
             if (result == DeviceRun::Result::Skipped) ++skipped;
             if (result == DeviceRun::Result::Interrupted) ++interrupted;
+            it = active.erase(it);
+            display.setStatus(tally());
             display.retire(&run, outcomeLine(run));
             if (options.json) {
                 std::printf("%s\n", jsonRecord(run).c_str());
                 std::fflush(stdout);
             }
-            it = active.erase(it);
             changed = true;
         }
         display.setStatus(tally());
-        if (changed) display.note(tally());
+        // On a terminal the tally is the last row; in lines it follows each change.
+        if (changed && !display.rows()) display.note(tally());
         display.redraw();
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
     }
