@@ -15,6 +15,7 @@
 #include <iostream>
 #include <memory>
 #include <mutex>
+#include <random>
 #include <set>
 #include <string>
 #include <thread>
@@ -548,8 +549,12 @@ public:
         std::error_code error;
         std::filesystem::path folder = std::filesystem::temp_directory_path(error);
         if (error) folder = ".";
+        // A name no other run picks: the time and a random number.
         auto stamp = std::chrono::steady_clock::now().time_since_epoch().count();
-        path_ = (folder / ("quelworks-image-" + std::to_string(stamp) + ".bin")).string();
+        std::random_device random;
+        path_ = (folder / ("quelworks-image-" + std::to_string(stamp) + "-" +
+                           std::to_string(random()) + ".bin"))
+                    .string();
         std::FILE* out = std::fopen(path_.c_str(), "wb");
         bool written =
             out != nullptr && std::fwrite(bytes.data(), 1, bytes.size(), out) == bytes.size();
