@@ -7,6 +7,7 @@
 // Serial communication
 #include "quelworks/serial/communicator.h"
 #include "quelworks/serial/crc_ccitt.h"
+#include "quelworks/serial/port_details.h"
 #include "quelworks/serial/port_settings.h"
 #include "quelworks/serial/receive_buffer.h"
 #include "quelworks/serial/rs232.h"

@@ -231,6 +231,22 @@ QW_C_API qw_status QW_CALL qw_port_receive_line(qw_port* port, int32_t timeout_m
 /* The serial ports the system knows, in a stable order (release with qw_strings_free). */
 QW_C_API qw_status QW_CALL qw_port_list(qw_strings** ports);
 
+/** What the system knows about each listed port, as one list of strings: for each port, in the
+ * order of qw_port_list, *fields_per_port consecutive items, field QW_PORT_FIELD_* of port p at
+ * index p * *fields_per_port + QW_PORT_FIELD_*. Unknown fields are "". USB ids are four
+ * lowercase hexadecimal digits ("0403"). Fields may be added at the end in later versions, so
+ * index with the returned *fields_per_port, never a constant (release with qw_strings_free). */
+QW_C_API qw_status QW_CALL qw_port_list_details(int32_t* fields_per_port, qw_strings** details);
+#define QW_PORT_FIELD_NAME 0          /**< the port: "/dev/ttyUSB0", "COM3" */
+#define QW_PORT_FIELD_DESCRIPTION 1   /**< "FT232R USB UART", "16550A UART" */
+#define QW_PORT_FIELD_VENDOR_ID 2     /**< USB vendor id, "" if not a USB device */
+#define QW_PORT_FIELD_PRODUCT_ID 3    /**< USB product id */
+#define QW_PORT_FIELD_SERIAL_NUMBER 4 /**< the USB device's serial number */
+#define QW_PORT_FIELD_MANUFACTURER 5  /**< the USB device's manufacturer text */
+#define QW_PORT_FIELD_PRODUCT 6       /**< the USB device's product text */
+#define QW_PORT_FIELD_LOCATION 7      /**< its place on the bus: "1-1.2:1.0" */
+#define QW_PORT_FIELD_DRIVER 8        /**< "ftdi_sio", "cdc_acm", "serial" */
+
 /* ---- Serial port: asynchronous link ----------------------------------------------------- */
 
 /* A queued serial link with a background thread. Each cycle (about 50 ms) the thread sends at

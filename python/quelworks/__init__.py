@@ -17,6 +17,7 @@ from ._native import CalibrationPoint, Point, lib
 
 __all__ = [
     "Error", "TimeoutError", "Port", "AsyncLink", "Bootloader", "IniFile", "crc16", "version", "list_ports",
+    "list_port_details",
     "point_in_polygon", "points_in_polygon", "transform", "transform_many",
 ]
 
@@ -79,6 +80,27 @@ def list_ports():
     handle = ctypes.c_void_p()
     _check(lib.qw_port_list(ctypes.byref(handle)))
     return _strings(handle)
+
+
+_PORT_FIELDS = ("name", "description", "vendor_id", "product_id", "serial_number",
+                "manufacturer", "product", "location", "driver")
+
+
+def list_port_details():
+    """The serial ports with what the system knows about each, as dicts in the order of
+    list_ports(): name, description, vendor_id and product_id (ints, None if not USB),
+    serial_number, manufacturer, product, location, driver ("" where unknown)."""
+    stride = ctypes.c_int32()
+    handle = ctypes.c_void_p()
+    _check(lib.qw_port_list_details(ctypes.byref(stride), ctypes.byref(handle)))
+    items = _strings(handle)
+    ports = []
+    for start in range(0, len(items), stride.value):
+        port = dict(zip(_PORT_FIELDS, items[start:start + len(_PORT_FIELDS)]))
+        for key in ("vendor_id", "product_id"):
+            port[key] = int(port[key], 16) if port[key] else None
+        ports.append(port)
+    return ports
 
 
 def crc16(data, initial=0xFFFF):

@@ -90,6 +90,7 @@ _declare("qw_port_receive_until_quiet", [handle, i32, ctypes.POINTER(u8p), ctype
 _declare("qw_port_is_open", [handle, ctypes.POINTER(i32)])
 _declare("qw_port_receive_line", [handle, i32, ctypes.POINTER(u8p), ctypes.POINTER(i32)])
 _declare("qw_port_list", [ctypes.POINTER(handle)])
+_declare("qw_port_list_details", [ctypes.POINTER(i32), ctypes.POINTER(handle)])
 
 _declare("qw_async_new", [ctypes.POINTER(handle)])
 _declare("qw_async_free", [handle])

@@ -53,3 +53,11 @@ def test_numpy_arrays_are_taken_and_returned():
     assert inside.tolist() == [True, False]
     cal = [((0, 0), (10, 20)), ((1, 0), (12, 20)), ((0, 1), (10, 22))]
     assert quelworks.transform_many(cal, numpy.array([[3.0, 4.0]])).tolist() == [[16.0, 28.0]]
+
+
+def test_port_details_follow_the_port_listing():
+    details = quelworks.list_port_details()
+    assert [port["name"] for port in details] == quelworks.list_ports()
+    for port in details:
+        assert set(port) >= {"name", "description", "vendor_id", "product_id", "serial_number"}
+        assert port["vendor_id"] is None or 0 <= port["vendor_id"] <= 0xFFFF

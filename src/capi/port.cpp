@@ -1,4 +1,5 @@
 // The synchronous serial link (qw_port_...) over RS232.
+#include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <string>
@@ -6,6 +7,7 @@
 
 #include "capi/capi_internal.h"
 #include "platform/system_name.h"
+#include "quelworks/serial/port_details.h"
 #include "quelworks/serial/rs232.h"
 
 namespace quelworks::capi {
@@ -239,6 +241,28 @@ QW_C_API qw_status QW_CALL qw_port_list(qw_strings** ports) {
         }
         found.free();
         return makeStrings(std::move(names), ports);
+    });
+}
+
+QW_C_API qw_status QW_CALL qw_port_list_details(int32_t* fields_per_port, qw_strings** details) {
+    return guarded([&] {
+        QW_REQUIRE(fields_per_port, "null pointer: fields_per_port");
+        QW_REQUIRE(details, "null pointer: details");
+        constexpr int32_t kFields = 9;
+        auto id = [](int value) {
+            if (value < 0) return std::string();
+            char text[8];
+            std::snprintf(text, sizeof text, "%04x", static_cast<unsigned>(value) & 0xFFFFu);
+            return std::string(text);
+        };
+        std::vector<std::string> items;
+        for (const quelworks::PortDetails& port : quelworks::ListPortDetails()) {
+            items.insert(items.end(), {port.name, port.description, id(port.vendorId),
+                                       id(port.productId), port.serialNumber, port.manufacturer,
+                                       port.product, port.location, port.driver});
+        }
+        *fields_per_port = kFields;
+        return makeStrings(std::move(items), details);
     });
 }
 

@@ -7,7 +7,9 @@
 #define QUELWORKS_PLATFORM_SERIAL_PORT_H
 
 #include <cstdint>
+#include <vector>
 
+#include "quelworks/serial/port_details.h"
 #include "quelworks/serial/port_settings.h"
 #include "quelworks/util/rlist.h"
 
@@ -42,6 +44,8 @@ bool writePort(PortHandle handle, const void* data, std::uint32_t count,
 void interruptPort(PortHandle handle);
 // Appends the serial ports the system knows to `ports`, each a malloc'ed narrow text.
 void listPorts(RList<char*>* ports);
+// The same ports with what the system knows about each.
+std::vector<PortDetails> listPortDetails();
 
 }  // namespace quelworks::detail
 

@@ -1,8 +1,10 @@
 // Serial port listing on Linux, from /sys/class/tty.
 #include <dirent.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -66,6 +68,117 @@ std::vector<std::string> listSerialDevices(const std::string& sysClassTty,
     std::sort(names.begin(), names.end(), naturalLess);
     for (std::string& name : names) name = devRoot + "/" + name;
     return names;
+}
+
+namespace {
+
+// The first line of a sysfs attribute, without its line end; empty if it cannot be read.
+std::string readAttribute(const std::string& path) {
+    std::ifstream file(path);
+    std::string line;
+    if (!file || !std::getline(file, line)) return "";
+    while (!line.empty() && (line.back() == '\n' || line.back() == '\r' || line.back() == ' '))
+        line.pop_back();
+    return line;
+}
+
+int readHexId(const std::string& path) {
+    std::string text = readAttribute(path);
+    if (text.empty() || text.size() > 4) return -1;
+    char* end = nullptr;
+    long value = std::strtol(text.c_str(), &end, 16);
+    return *end == '\0' ? static_cast<int>(value) : -1;
+}
+
+std::string baseName(const std::string& path) {
+    std::size_t slash = path.find_last_of('/');
+    return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+std::string parentOf(const std::string& path) {
+    std::size_t slash = path.find_last_of('/');
+    return slash == std::string::npos || slash == 0 ? "/" : path.substr(0, slash);
+}
+
+std::string linkTarget(const std::string& path) {
+    char target[4096];
+    ssize_t length = ::readlink(path.c_str(), target, sizeof target - 1);
+    return length > 0 ? std::string(target, static_cast<std::size_t>(length)) : "";
+}
+
+bool exists(const std::string& path) {
+    struct stat st;
+    return ::stat(path.c_str(), &st) == 0;
+}
+
+// The chip names of the serial core's port types, as far as a user would recognise them.
+std::string uartTypeName(int type) {
+    static const char* const names[] = {
+        "",        "8250",     "16450",  "16550", "16550A", "Cirrus", "ST16650",  "ST16650V2",
+        "TI16750", "Startech", "16C950", "16654", "16850",  "RSA",    "NS16550A", "XScale"};
+    if (type > 0 && type < static_cast<int>(sizeof names / sizeof names[0])) return names[type];
+    return "";
+}
+
+// How far up from the port's device the walk looks for the USB device and the driver: an
+// interface, a USB device and a hub or two, never into unrelated parts of the tree.
+constexpr int kMaxLevelsUp = 6;
+
+PortDetails describe(const std::string& base, const std::string& path) {
+    PortDetails details;
+    details.name = path;
+    char resolved[PATH_MAX];
+    if (::realpath((base + "/device").c_str(), resolved) == nullptr) return details;
+    std::string dir = resolved, child;
+    bool usb = false;
+    std::string firstWithDriver;
+    for (int level = 0; level <= kMaxLevelsUp && dir != "/"; ++level) {
+        // Serial-core ports (newer kernels) sit on the serial-base bus below the real device:
+        // its "port" and "ctrl" drivers say nothing about the hardware.
+        std::string driver = linkTarget(dir + "/driver");
+        if (details.driver.empty() && !driver.empty() &&
+            driver.find("/serial-base/") == std::string::npos) {
+            details.driver = baseName(driver);
+            firstWithDriver = dir;
+        }
+        if (exists(dir + "/idVendor")) {
+            usb = true;
+            details.vendorId = readHexId(dir + "/idVendor");
+            details.productId = readHexId(dir + "/idProduct");
+            details.serialNumber = readAttribute(dir + "/serial");
+            details.manufacturer = readAttribute(dir + "/manufacturer");
+            details.product = readAttribute(dir + "/product");
+            details.location = child.empty() ? baseName(dir) : baseName(child);
+            if (!child.empty()) details.description = readAttribute(child + "/interface");
+            break;
+        }
+        child = dir;
+        dir = parentOf(dir);
+    }
+    if (usb) {
+        if (!details.product.empty()) details.description = details.product;
+        if (details.description.empty()) details.description = "USB serial port";
+        return details;
+    }
+    if (!firstWithDriver.empty()) details.location = baseName(firstWithDriver);
+    std::string type = readAttribute(base + "/type");
+    std::string chip = type.empty() ? "" : uartTypeName(std::atoi(type.c_str()));
+    details.description = chip.empty() ? "serial port" : chip + " UART";
+    return details;
+}
+
+}  // namespace
+
+std::vector<PortDetails> listSerialDeviceDetails(const std::string& sysClassTty,
+                                                 const std::string& devRoot) {
+    std::vector<PortDetails> result;
+    for (const std::string& path : listSerialDevices(sysClassTty, devRoot))
+        result.push_back(describe(sysClassTty + "/" + baseName(path), path));
+    return result;
+}
+
+std::vector<PortDetails> listPortDetails() {
+    return listSerialDeviceDetails("/sys/class/tty", "/dev");
 }
 
 void listPorts(RList<char*>* ports) {

@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "quelworks/serial/port_details.h"
+
 namespace quelworks::detail {
 
 // The serial devices below `sysClassTty` (normally "/sys/class/tty") as paths in `devRoot`
@@ -13,6 +15,11 @@ namespace quelworks::detail {
 // skipped.
 std::vector<std::string> listSerialDevices(const std::string& sysClassTty,
                                            const std::string& devRoot);
+
+// The ports of listSerialDevices with what sysfs tells about each: the USB device above the port
+// (ids, serial number, texts, interface), the driver, and the UART type of serial-core ports.
+std::vector<PortDetails> listSerialDeviceDetails(const std::string& sysClassTty,
+                                                 const std::string& devRoot);
 
 // Orders names with embedded numbers by value: "ttyUSB2" before "ttyUSB10".
 bool naturalLess(const std::string& a, const std::string& b);

@@ -558,8 +558,37 @@ static void test_ini(void) {
     CHECK(utf8_remove(name) == 0);
 }
 
+static void test_port_details(void) {
+    /* The details come in the listing's order, a whole number of fields per port, each port's
+     * first field its name. */
+    qw_strings* names = NULL;
+    qw_strings* details = NULL;
+    int32_t fields = 0, count = 0, detailCount = 0, i;
+    char name[256], detail[256];
+    CHECK_INVALID(qw_port_list_details(NULL, &details));
+    CHECK_INVALID(qw_port_list_details(&fields, NULL));
+    CHECK_OK(qw_port_list(&names));
+    CHECK_OK(qw_port_list_details(&fields, &details));
+    CHECK(fields >= 9);
+    CHECK_OK(qw_strings_count(names, &count));
+    CHECK_OK(qw_strings_count(details, &detailCount));
+    CHECK(detailCount == count * fields);
+    for (i = 0; i < count && detailCount == count * fields; ++i) {
+        CHECK_OK(qw_strings_get(names, i, name, sizeof name, NULL));
+        CHECK_OK(
+            qw_strings_get(details, i * fields + QW_PORT_FIELD_NAME, detail, sizeof detail, NULL));
+        CHECK(strcmp(name, detail) == 0);
+        CHECK_OK(qw_strings_get(details, i * fields + QW_PORT_FIELD_VENDOR_ID, detail,
+                                sizeof detail, NULL));
+        CHECK(strlen(detail) == 0 || strlen(detail) == 4);
+    }
+    CHECK_OK(qw_strings_free(details));
+    CHECK_OK(qw_strings_free(names));
+}
+
 int main(void) {
     test_version();
+    test_port_details();
     test_handles();
     test_handle_arguments();
     test_strings_out();

@@ -114,4 +114,36 @@ if [ -n "$cli" ]; then
         exit 1
     fi
     echo "a silent device makes 'quelworks info' fail with exit code $rc"
+
+    echo "--- quelworks ports --long, --json"
+    "${run[@]}" "$cli" ports --long
+    "${run[@]}" "$cli" ports --json | tr -d '\r' >"$work/ports.json"
+    if [ "$mode" = wine ] && ! grep -q "\"name\": \"$QW_TEST_PORT\"" "$work/ports.json"; then
+        echo "run-port-tests: $QW_TEST_PORT is not in 'quelworks ports --json'" >&2
+        exit 1
+    fi
+
+    echo "--- quelworks flash on three devices at once"
+    rm -f "$cli_image_out"
+    set +e
+    "${run[@]}" "$cli" flash "$image_arg" --timeout 300 --port "$QW_TEST_PORT" \
+        --port "$QW_TEST_PORT_SILENT" --port "$QW_TEST_PORT_REJECT" </dev/null \
+        | tr -d '\r' >"$work/multi.txt"
+    rc=${PIPESTATUS[0]}
+    set -e
+    cat "$work/multi.txt"
+    verdict() { grep "^$1 " "$work/multi.txt" | awk '{print $3}'; }
+    if [ "$rc" -eq 0 ] || [ "$(verdict "$QW_TEST_PORT")" != verified ] ||
+        [ "$(verdict "$QW_TEST_PORT_SILENT")" != FAILED ] ||
+        [ "$(verdict "$QW_TEST_PORT_REJECT")" != FAILED ]; then
+        echo "run-port-tests: the flash on three devices did not report one verified and two" \
+            "failed devices (exit code $rc)" >&2
+        exit 1
+    fi
+    for _ in $(seq 1 40); do
+        cmp -s "$work/cli-image.bin" "$cli_image_out" && break
+        sleep 0.05
+    done
+    cmp "$work/cli-image.bin" "$cli_image_out"
+    echo "three devices at once: one verified byte for byte, two failed, exit code $rc"
 fi
