@@ -5,6 +5,7 @@
 #include <cstring>
 #include <memory>
 #include <string>
+#include <thread>
 
 #include "platform/file.h"
 #include "platform/system_name.h"
@@ -72,6 +73,52 @@ std::wstring finalPath(HANDLE h) {
     return path;
 }
 
+// How many edit locks the calling thread holds: its own reads then never wait for an edit.
+thread_local int editLocksHeld = 0;
+
+// The name of the lock file that stands for a file while it is edited: the file's full name with
+// links resolved, plus ".lock". A missing file is named through its folder, so a reader that finds
+// the file missing in the middle of a save arrives at the same name as the editor did. Empty when
+// no such name can be made (the folder does not exist, a device name).
+std::wstring lockNameFor(const std::wstring& name) {
+    std::wstring real;
+    {
+        Handle file(CreateFileW(name.c_str(), 0, kShareAll, nullptr, OPEN_EXISTING,
+                                FILE_ATTRIBUTE_NORMAL, nullptr));
+        if (file.valid()) {
+            if (GetFileType(file.get()) != FILE_TYPE_DISK) return std::wstring();
+            real = finalPath(file.get());
+        }
+    }
+    if (real.empty()) {
+        DWORD size = GetFullPathNameW(name.c_str(), 0, nullptr, nullptr);
+        if (size == 0) return std::wstring();
+        std::wstring full(size, L'\0');
+        wchar_t* leaf = nullptr;
+        DWORD length = GetFullPathNameW(name.c_str(), size, &full[0], &leaf);
+        if (length == 0 || length >= size || leaf == nullptr) return std::wstring();
+        const std::wstring base(leaf);
+        full.resize(static_cast<std::size_t>(leaf - full.data()));
+        Handle folder(CreateFileW(full.c_str(), 0, kShareAll, nullptr, OPEN_EXISTING,
+                                  FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+        if (!folder.valid()) return std::wstring();
+        real = finalPath(folder.get());
+        if (real.empty()) return std::wstring();
+        if (real.back() != L'\\') real += L'\\';
+        real += base;
+    }
+    return real + L".lock";
+}
+
+// Whether someone is editing the file right now (its lock file exists).
+bool editInProgress(const std::wstring& name) {
+    const std::wstring lock = lockNameFor(name);
+    return !lock.empty() && GetFileAttributesW(lock.c_str()) != INVALID_FILE_ATTRIBUTES;
+}
+
+// How long a reader waits for a save in progress to put the file back before it gives up.
+constexpr std::chrono::milliseconds kReadWait(2000);
+
 }  // namespace
 
 bool readWholeFile(const std::string& path, FileBytes& contents) {
@@ -79,8 +126,29 @@ bool readWholeFile(const std::string& path, FileBytes& contents) {
     // UTF-8 (the C interface). Without FILE_FLAG_BACKUP_SEMANTICS a folder does not open.
     std::wstring name;
     if (!quelworks::detail::systemName(path.c_str(), &name)) return false;
-    Handle file(CreateFileW(name.c_str(), GENERIC_READ, kShareAll, nullptr, OPEN_EXISTING,
-                            FILE_ATTRIBUTE_NORMAL | FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
+    HANDLE opened = INVALID_HANDLE_VALUE;
+    // A save replaces the file, and on some systems the name is briefly missing or in use while it
+    // does. A reader that finds it so while an editor holds the file's lock waits a little and
+    // tries again, so that it reads the old or the new file rather than nothing.
+    const auto deadline = std::chrono::steady_clock::now() + kReadWait;
+    for (bool lastTry = false;;) {
+        opened = CreateFileW(name.c_str(), GENERIC_READ, kShareAll, nullptr, OPEN_EXISTING,
+                             FILE_ATTRIBUTE_NORMAL | FILE_FLAG_SEQUENTIAL_SCAN, nullptr);
+        if (opened != INVALID_HANDLE_VALUE || lastTry || editLocksHeld > 0) break;
+        const DWORD error = GetLastError();
+        if (error != ERROR_FILE_NOT_FOUND && error != ERROR_SHARING_VIOLATION &&
+            error != ERROR_ACCESS_DENIED) {
+            break;
+        }
+        // Once no edit is under way (any more), one last attempt finds the file if that edit
+        // has just put it back.
+        if (!editInProgress(name) || std::chrono::steady_clock::now() >= deadline) {
+            lastTry = true;
+        } else {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    }
+    Handle file(opened);
     if (!file.valid() || GetFileType(file.get()) != FILE_TYPE_DISK) return false;
     LARGE_INTEGER size{};
     std::size_t capacity = 65536;
@@ -155,13 +223,46 @@ WriteResult replaceWholeFile(const std::string& path, std::string_view bytes) {
 }
 
 EditLock::~EditLock() {
-    if (handle_ != -1) CloseHandle(reinterpret_cast<HANDLE>(handle_));
+    if (handle_ != -1) {
+        CloseHandle(reinterpret_cast<HANDLE>(handle_));
+        --editLocksHeld;
+    }
 }
 
-EditLock::Result EditLock::acquire(const std::string&, std::chrono::milliseconds) {
-    // Not yet on Windows: a byte-range lock held beside ReplaceFile made concurrent edits fail
-    // and lose data under Wine, so edits run without a lock here, exactly as before.
-    return Result::Unavailable;
+EditLock::Result EditLock::acquire(const std::string& path, std::chrono::milliseconds wait) {
+    using Clock = std::chrono::steady_clock;
+    const Clock::time_point deadline = Clock::now() + wait;
+    std::wstring name;
+    if (!quelworks::detail::systemName(path.c_str(), &name)) return Result::Unavailable;
+    // The lock is a file of its own beside the edited one, open without sharing while the edit
+    // runs and deleted when it is closed. A lock on the edited file itself would need a handle
+    // on it during the save, and an open handle keeps a rename from replacing the file.
+    const std::wstring lockName = lockNameFor(name);
+    if (lockName.empty()) return Result::Unavailable;
+    std::chrono::microseconds pause(200);
+    for (;;) {
+        // One left behind by a holder that died with the system (a process that dies has its
+        // handles closed, which deletes it) is simply taken over.
+        HANDLE lock = CreateFileW(
+            lockName.c_str(), GENERIC_READ | DELETE, 0, nullptr, OPEN_ALWAYS,
+            FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_TEMPORARY | FILE_FLAG_DELETE_ON_CLOSE, nullptr);
+        if (lock != INVALID_HANDLE_VALUE) {
+            handle_ = reinterpret_cast<std::intptr_t>(lock);
+            ++editLocksHeld;
+            return Result::Locked;
+        }
+        const DWORD error = GetLastError();
+        // Another editor holds it (sharing violation), or has just closed it and it is being
+        // deleted (access denied while it still exists). Any other failure, such as a folder
+        // where no file can be created, means no lock can be had.
+        const bool held = error == ERROR_SHARING_VIOLATION ||
+                          (error == ERROR_ACCESS_DENIED &&
+                           GetFileAttributesW(lockName.c_str()) != INVALID_FILE_ATTRIBUTES);
+        if (!held) return Result::Unavailable;
+        if (Clock::now() >= deadline) return Result::TimedOut;
+        std::this_thread::sleep_for(pause);
+        if (pause < std::chrono::milliseconds(4)) pause *= 2;
+    }
 }
 
 }  // namespace quelworks::platform

@@ -80,9 +80,6 @@ void expectAllPresent(const std::string& path, const std::vector<std::string>& k
 }  // namespace
 
 TEST(IniLock, ConcurrentThreadsLoseNoEdit) {
-#if defined(_WIN32)
-    GTEST_SKIP() << "edits are not locked on Windows yet";
-#endif
     TempDir dir;
     const std::string path = dir.file("shared.ini");
     writeFile(path, "[S]\nfirst=1\n");
@@ -96,9 +93,6 @@ TEST(IniLock, ConcurrentThreadsLoseNoEdit) {
 
 // Every kind of edit takes the same lock: sorting, deleting and renaming while others add keys.
 TEST(IniLock, MixedEditsKeepEveryAcknowledgedKey) {
-#if defined(_WIN32)
-    GTEST_SKIP() << "edits are not locked on Windows yet";
-#endif
     TempDir dir;
     const std::string path = dir.file("mixed.ini");
     writeFile(path, "[S]\nfirst=1\n[Z]\nz=1\n");
