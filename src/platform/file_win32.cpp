@@ -76,38 +76,36 @@ std::wstring finalPath(HANDLE h) {
 // How many edit locks the calling thread holds: its own reads then never wait for an edit.
 thread_local int editLocksHeld = 0;
 
-// The name of the lock file that stands for a file while it is edited: the file's full name with
-// links resolved, plus ".lock". A missing file is named through its folder, so a reader that finds
-// the file missing in the middle of a save arrives at the same name as the editor did. Empty when
-// no such name can be made (the folder does not exist, a device name).
+// The name of the lock file that stands for a file while it is edited: the file's full name, its
+// folder's links and junctions resolved, plus ".lock". The file itself is opened only when it is
+// a link (to find the file it leads to): an open handle, even for a moment, can make another
+// editor's replacing rename fail. Being made from the folder, the name is the same whether the
+// file exists or, in the middle of a save, is briefly missing. Empty when no such name can be
+// made (the folder does not exist, a device).
 std::wstring lockNameFor(const std::wstring& name) {
-    std::wstring real;
-    {
+    const DWORD attributes = GetFileAttributesW(name.c_str());
+    if (attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_REPARSE_POINT)) {
         Handle file(CreateFileW(name.c_str(), 0, kShareAll, nullptr, OPEN_EXISTING,
                                 FILE_ATTRIBUTE_NORMAL, nullptr));
-        if (file.valid()) {
-            if (GetFileType(file.get()) != FILE_TYPE_DISK) return std::wstring();
-            real = finalPath(file.get());
-        }
+        if (!file.valid() || GetFileType(file.get()) != FILE_TYPE_DISK) return std::wstring();
+        const std::wstring real = finalPath(file.get());
+        return real.empty() ? real : real + L".lock";
     }
-    if (real.empty()) {
-        DWORD size = GetFullPathNameW(name.c_str(), 0, nullptr, nullptr);
-        if (size == 0) return std::wstring();
-        std::wstring full(size, L'\0');
-        wchar_t* leaf = nullptr;
-        DWORD length = GetFullPathNameW(name.c_str(), size, &full[0], &leaf);
-        if (length == 0 || length >= size || leaf == nullptr) return std::wstring();
-        const std::wstring base(leaf);
-        full.resize(static_cast<std::size_t>(leaf - full.data()));
-        Handle folder(CreateFileW(full.c_str(), 0, kShareAll, nullptr, OPEN_EXISTING,
-                                  FILE_FLAG_BACKUP_SEMANTICS, nullptr));
-        if (!folder.valid()) return std::wstring();
-        real = finalPath(folder.get());
-        if (real.empty()) return std::wstring();
-        if (real.back() != L'\\') real += L'\\';
-        real += base;
-    }
-    return real + L".lock";
+    DWORD size = GetFullPathNameW(name.c_str(), 0, nullptr, nullptr);
+    if (size == 0) return std::wstring();
+    std::wstring full(size, L'\0');
+    wchar_t* leaf = nullptr;
+    DWORD length = GetFullPathNameW(name.c_str(), size, &full[0], &leaf);
+    if (length == 0 || length >= size || leaf == nullptr) return std::wstring();
+    const std::wstring base(leaf);
+    full.resize(static_cast<std::size_t>(leaf - full.data()));
+    Handle folder(CreateFileW(full.c_str(), 0, kShareAll, nullptr, OPEN_EXISTING,
+                              FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+    if (!folder.valid() || GetFileType(folder.get()) != FILE_TYPE_DISK) return std::wstring();
+    std::wstring real = finalPath(folder.get());
+    if (real.empty()) return real;
+    if (real.back() != L'\\') real += L'\\';
+    return real + base + L".lock";
 }
 
 // Whether someone is editing the file right now (its lock file exists).
