@@ -63,7 +63,9 @@ WriteResult replaceWholeFile(const std::string& path, std::string_view bytes);
 //   sharing and deleted when closed, so it exists only while an edit runs. The file itself cannot
 //   carry the lock: a handle held open on it would keep the save's rename from replacing it.
 //   Readers that find the file missing or in use while its lock file exists wait briefly for the
-//   save to finish (some systems replace a file in two steps).
+//   save to finish (some systems replace a file in two steps). Since the system cannot wait for a
+//   file to be closed, editors poll for the lock file; threads of one process first queue in the
+//   order they came, so only one of them polls and none is passed over until its wait runs out.
 class EditLock {
 public:
     enum class Result {
@@ -83,6 +85,11 @@ public:
 
 private:
     std::intptr_t handle_ = -1;  // a descriptor on POSIX, a HANDLE on Windows
+#if defined(_WIN32)
+    Result takeLockFile(const std::wstring& lockName,
+                        std::chrono::steady_clock::time_point deadline);
+    std::wstring queue_;  // the lock file whose queue of this process's editors it heads
+#endif
 };
 
 }  // namespace quelworks::platform

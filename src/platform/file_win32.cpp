@@ -2,8 +2,12 @@
 #include "platform/windows_include.h"
 
 #include <algorithm>
+#include <condition_variable>
 #include <cstring>
+#include <deque>
+#include <map>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
 
@@ -112,6 +116,45 @@ std::wstring lockNameFor(const std::wstring& name) {
 bool editInProgress(const std::wstring& name) {
     const std::wstring lock = lockNameFor(name);
     return !lock.empty() && GetFileAttributesW(lock.c_str()) != INVALID_FILE_ATTRIBUTES;
+}
+
+// The editors of this process waiting for each lock file, first come first served. Polling alone
+// is not fair: a thread that has just released the lock file is ready to take it again before a
+// sleeping waiter wakes, and can keep it from the others until their wait runs out.
+struct EditQueues {
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::map<std::wstring, std::deque<const void*>> waiting;
+
+    // Waits until `editor` is first in the queue for `lockName`; false, having left the queue,
+    // when the deadline passes first.
+    bool join(const std::wstring& lockName, const void* editor,
+              std::chrono::steady_clock::time_point deadline) {
+        std::unique_lock<std::mutex> guard(mutex);
+        std::deque<const void*>& queue = waiting[lockName];
+        queue.push_back(editor);
+        if (changed.wait_until(guard, deadline, [&] { return queue.front() == editor; })) {
+            return true;
+        }
+        queue.erase(std::find(queue.begin(), queue.end(), editor));
+        if (queue.empty()) waiting.erase(lockName);
+        changed.notify_all();  // the next one may now be first
+        return false;
+    }
+
+    // `editor`, first in the queue, leaves it and lets the next one in.
+    void leave(const std::wstring& lockName) {
+        std::lock_guard<std::mutex> guard(mutex);
+        auto it = waiting.find(lockName);
+        it->second.pop_front();
+        if (it->second.empty()) waiting.erase(it);
+        changed.notify_all();
+    }
+};
+
+EditQueues& editQueues() {
+    static EditQueues* queues = new EditQueues;  // never destroyed: locks may outlive statics
+    return *queues;
 }
 
 // How long a reader waits for a save in progress to put the file back before it gives up.
@@ -225,6 +268,7 @@ EditLock::~EditLock() {
         CloseHandle(reinterpret_cast<HANDLE>(handle_));
         --editLocksHeld;
     }
+    if (!queue_.empty()) editQueues().leave(queue_);
 }
 
 EditLock::Result EditLock::acquire(const std::string& path, std::chrono::milliseconds wait) {
@@ -237,6 +281,18 @@ EditLock::Result EditLock::acquire(const std::string& path, std::chrono::millise
     // on it during the save, and an open handle keeps a rename from replacing the file.
     const std::wstring lockName = lockNameFor(name);
     if (lockName.empty()) return Result::Unavailable;
+    if (!editQueues().join(lockName, this, deadline)) return Result::TimedOut;
+    queue_ = lockName;
+    const Result result = takeLockFile(lockName, deadline);
+    if (result != Result::Locked) {
+        editQueues().leave(queue_);
+        queue_.clear();
+    }
+    return result;
+}
+
+EditLock::Result EditLock::takeLockFile(const std::wstring& lockName,
+                                        std::chrono::steady_clock::time_point deadline) {
     std::chrono::microseconds pause(200);
     for (;;) {
         // One left behind by a holder that died with the system (a process that dies has its
@@ -257,7 +313,7 @@ EditLock::Result EditLock::acquire(const std::string& path, std::chrono::millise
                           (error == ERROR_ACCESS_DENIED &&
                            GetFileAttributesW(lockName.c_str()) != INVALID_FILE_ATTRIBUTES);
         if (!held) return Result::Unavailable;
-        if (Clock::now() >= deadline) return Result::TimedOut;
+        if (std::chrono::steady_clock::now() >= deadline) return Result::TimedOut;
         std::this_thread::sleep_for(pause);
         if (pause < std::chrono::milliseconds(4)) pause *= 2;
     }
