@@ -134,7 +134,8 @@ using ini_test::readFile;
 namespace {
 
 // "edit|<file>|<key prefix>": two threads set 40 keys each; the exit code is the number of edits
-// that returned false. "hold|<file>": opens the file's lock file the way an editor does and waits.
+// that returned false. "hold|<file>": opens the file's lock file the way an editor does and waits
+// for a minute.
 const int childJob = [] {
     const char* job = std::getenv("QW_INI_LOCK_CHILD");
     if (job == nullptr) return 0;
@@ -146,7 +147,8 @@ const int childJob = [] {
         HANDLE lock = CreateFileA((rest + ".lock").c_str(), GENERIC_READ | DELETE, 0, nullptr,
                                   OPEN_ALWAYS, FILE_FLAG_DELETE_ON_CLOSE, nullptr);
         if (lock == INVALID_HANDLE_VALUE) std::_Exit(2);
-        Sleep(INFINITE);
+        Sleep(60000);  // killed by the test long before; gone by itself should the test fail
+        std::_Exit(0);
     }
     bar = rest.find('|');
     const std::string path = rest.substr(0, bar);
