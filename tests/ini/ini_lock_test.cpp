@@ -268,3 +268,33 @@ TEST(IniLockWindows, AKilledHolderFreesTheLockAndALongHolderMakesEditsFail) {
     EXPECT_EQ(entriesIn(dir.path()), 1u);
 }
 #endif
+
+#if defined(_WIN32)
+// A reader that finds the file missing while another editor holds its lock (a save that replaces
+// the file in two steps) waits for the file to come back instead of reading nothing; with no
+// edit under way a missing file is reported at once.
+TEST(IniLockWindows, AReaderWaitsForASaveThatHasTheFileAway) {
+    TempDir dir;
+    const std::string path = dir.file("away.ini");
+    HANDLE lock = CreateFileA((path + ".lock").c_str(), GENERIC_READ | DELETE, 0, nullptr,
+                              CREATE_NEW, FILE_FLAG_DELETE_ON_CLOSE, nullptr);
+    ASSERT_NE(lock, INVALID_HANDLE_VALUE);
+    std::thread editor([&] {
+        Sleep(300);
+        writeFile(path, "[S]\nk=new\n");
+        CloseHandle(lock);
+    });
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(CIniFile::GetValue("k", "S", path), "new");
+    EXPECT_GE(secondsSince(start), 0.2);
+    editor.join();
+    EXPECT_EQ(entriesIn(dir.path()), 1u);
+
+    const std::string missing = dir.file("missing.ini");
+    const auto again = std::chrono::steady_clock::now();
+    EXPECT_EQ(CIniFile::GetValue("k", "S", missing), "");
+    EXPECT_FALSE(CIniFile::SetValue("k", "v", "S", missing)) << "edits never create a file";
+    EXPECT_LT(secondsSince(again), 1.0);
+    EXPECT_EQ(entriesIn(dir.path()), 1u);
+}
+#endif
