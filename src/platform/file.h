@@ -53,18 +53,26 @@ WriteResult replaceWholeFile(const std::string& path, std::string_view bytes);
 // An exclusive lock for one read-modify-write of a file, held until the object is destroyed.
 //
 // Editors that take it one after another never lose each other's changes; readers take no lock
-// and see the old or the new file whole, because files are replaced whole. The lock is the
-// operating system's own on the file itself (released when the process dies, so nothing stale is
-// left behind, and no lock file is created). Since a save puts a new file in the old one's place,
-// a lock taken on the old file protects nothing once it is replaced: after acquiring, the lock
-// checks that the name still leads to the locked file and otherwise starts again on the new one.
-// On Windows no lock is taken yet (acquire gives Unavailable): edits run as they always did.
+// and see the old or the new file whole, because files are replaced whole. The lock is released
+// when its holder's process dies, so nothing stale stays in the way.
+// - POSIX: the operating system's lock on the file itself (no lock file is created). Since a save
+//   puts a new file in the old one's place, a lock taken on the old file protects nothing once it
+//   is replaced: after acquiring, the lock checks that the name still leads to the locked file and
+//   otherwise starts again on the new one.
+// - Windows: a companion file "<name>.lock" beside the file (links resolved), created without
+//   sharing and deleted when closed, so it exists only while an edit runs. The file itself cannot
+//   carry the lock: a handle held open on it would keep the save's rename from replacing it.
+//   Readers that find the file missing or in use while its lock file exists wait briefly for the
+//   save to finish (some systems replace a file in two steps). Since the system cannot wait for a
+//   file to be closed, editors poll for the lock file; threads of one process first queue in the
+//   order they came, so only one of them polls and none is passed over until its wait runs out.
 class EditLock {
 public:
     enum class Result {
         Locked,       // the lock is held
-        Unavailable,  // no lock can be taken (no such file yet, not a regular file, or a file
-                      // system without locks): the caller goes on without one, as before
+        Unavailable,  // no lock can be taken (POSIX: no such file yet, not a regular file, a file
+                      // system without locks; Windows: a folder where the lock file cannot be
+                      // created, a device): the caller goes on without one, as before
         TimedOut,     // another editor held it for longer than the wait allowed
     };
 
@@ -77,6 +85,11 @@ public:
 
 private:
     std::intptr_t handle_ = -1;  // a descriptor on POSIX, a HANDLE on Windows
+#if defined(_WIN32)
+    Result takeLockFile(const std::wstring& lockName,
+                        std::chrono::steady_clock::time_point deadline);
+    std::wstring queue_;  // the lock file whose queue of this process's editors it heads
+#endif
 };
 
 }  // namespace quelworks::platform

@@ -56,7 +56,9 @@ public:
     static bool SectionExists(std::string SectionName, std::string FileName);
 
     // Edits. Each returns false without writing when the file cannot be read, and otherwise what
-    // writing the file back gave. None of them creates a missing file.
+    // writing the file back gave. None of them creates a missing file. Edits of one file from
+    // several threads or processes take turns (queries never wait); one that waits more than 5 s
+    // for another editor returns false and changes nothing.
     static bool SetValue(std::string KeyName, std::string Value, std::string SectionName,
                          std::string FileName);
     static bool AddSection(std::string SectionName, std::string FileName);
