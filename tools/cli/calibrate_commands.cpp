@@ -216,6 +216,7 @@ std::string drawCalibration(const std::string& title, const std::vector<Calibrat
                 << "\" r=\"2.2\" fill=\"#1a9641\" fill-opacity=\"0.8\"/>\n";
         }
         // Problems: rings round the points involved, outlines round bad cells, a number.
+        std::vector<std::pair<double, double>> labels;
         for (std::size_t n = 0; n < report.problems.size(); ++n) {
             const auto& problem = report.problems[n];
             const char* colour = problem.kind == "point"      ? "#d7191c"
@@ -223,7 +224,8 @@ std::string drawCalibration(const std::string& title, const std::vector<Calibrat
                                  : problem.kind == "triangle" ? "#7b3294"
                                                               : "#000";
             double lx = 0, ly = 0;
-            if (problem.kind == "cell" || problem.kind == "triangle") {
+            if (problem.kind == "cell" ||
+                (problem.kind == "triangle" && problem.points.size() == 3)) {
                 svg << "<polygon points=\"";
                 for (int i : problem.points) svg << p.at(pos(i)) << " ";
                 svg << "\" fill=\"none\" stroke=\"" << colour
@@ -237,9 +239,20 @@ std::string drawCalibration(const std::string& title, const std::vector<Calibrat
             }
             for (int i : problem.points) lx += p.x(pos(i)), ly += p.y(pos(i));
             if (problem.points.empty() || n >= listed) continue;
-            lx /= problem.points.size();
-            ly /= problem.points.size();
-            svg << "<text x=\"" << fmt(lx + 9) << "\" y=\"" << fmt(ly - 9)
+            lx = lx / problem.points.size() + 9;
+            ly = ly / problem.points.size() - 9;
+            // Numbers of problems at the same place are set side by side.
+            for (bool moved = true; moved;) {
+                moved = false;
+                for (const auto& l : labels) {
+                    if (std::fabs(l.first - lx) < 16 && std::fabs(l.second - ly) < 14) {
+                        lx = l.first + 18;
+                        moved = true;
+                    }
+                }
+            }
+            labels.push_back({lx, ly});
+            svg << "<text x=\"" << fmt(lx) << "\" y=\"" << fmt(ly)
                 << "\" font-weight=\"bold\" fill=\"" << colour
                 << "\" stroke=\"white\" stroke-width=\"3\" paint-order=\"stroke\">" << n + 1
                 << "</text>\n";
@@ -311,7 +324,14 @@ void runCheck(const CheckOptions& o) {
             text << (report.ordered ? ", listed row by row" : ", NOT in row-by-row order");
         }
         text << "\n";
-        for (const auto& p : report.problems) text << "problem: " << p.message << "\n";
+        // A broken file can give hundreds of findings: the first ones say what is wrong.
+        const std::size_t shown = std::min<std::size_t>(report.problems.size(), 25);
+        for (std::size_t i = 0; i < shown; ++i) {
+            text << "problem: " << report.problems[i].message << "\n";
+        }
+        if (shown < report.problems.size()) {
+            text << "... and " << report.problems.size() - shown << " more (--json lists all)\n";
+        }
         if (report.usable) {
             text << (report.problems.empty()
                          ? std::string("no problems found")

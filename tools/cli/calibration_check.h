@@ -82,8 +82,8 @@ inline CellShape quadShape(const V2 (&q)[4], int orientation, double typicalArea
         positive += turn > 0;
         negative += turn < 0;
     }
-    if (!(std::fabs(area) > 0.02 * typicalArea)) return CellShape::Degenerate;
     if (positive > 0 && negative > 0) return CellShape::Folded;
+    if (!(std::fabs(area) > 0.02 * typicalArea)) return CellShape::Degenerate;
     if ((area > 0 ? 1 : -1) != orientation) return CellShape::Flipped;
     return CellShape::Ok;
 }
@@ -119,6 +119,22 @@ inline bool fitAt(const std::vector<CalibrationPoint>& pts, const std::vector<in
     };
     out = {constant(bx), constant(by)};
     return std::isfinite(out.x) && std::isfinite(out.y);
+}
+
+// Problems in the order a user fixes them: size, order, cells, triangles, points.
+inline CalibrationReport& sortProblems(CalibrationReport& r) {
+    auto rank = [](const CalibrationProblem& p) {
+        const char* kinds[] = {"size", "order", "cell", "triangle", "point"};
+        for (int i = 0; i < 5; ++i) {
+            if (p.kind == kinds[i]) return i;
+        }
+        return 5;
+    };
+    std::stable_sort(r.problems.begin(), r.problems.end(),
+                     [&](const CalibrationProblem& a, const CalibrationProblem& b) {
+                         return rank(a) < rank(b);
+                     });
+    return r;
 }
 
 }  // namespace calibration_detail
@@ -180,6 +196,12 @@ inline CalibrationReport checkCalibration(const std::vector<CalibrationPoint>& p
             }
         }
     }
+    // Findings of one kind beyond two are reported as one problem naming a few examples.
+    const char* triangleWhat[3] = {
+        "all three camera points have the same x, so points mapped there become infinite or NaN",
+        "the camera points are collinear, so the map there ignores camera y",
+        "the camera points are nearly collinear, so the map there is unstable"};
+    std::vector<std::vector<int>> found[3];
     std::set<std::tuple<int, int, int>> reported;
     for (const auto& [a, b, c] : triangles) {
         std::vector<int> sorted{a, b, c};
@@ -191,25 +213,38 @@ inline CalibrationReport checkCalibration(const std::vector<CalibrationPoint>& p
         const double den = (double(pts[a].camera.y) - pts[c].camera.y) * u1 -
                            (double(pts[a].camera.y) - pts[b].camera.y) * u2;
         const double span = length(sub(cam(b), cam(a))) * length(sub(cam(c), cam(a)));
-        const std::string which =
-            name(sorted[0]) + ", " + name(sorted[1]) + " and " + name(sorted[2]);
         if (u1 == 0 && u2 == 0) {
-            add("triangle",
-                "triangle of " + which +
-                    ": all three camera points have the same x, so points mapped there become "
-                    "infinite or NaN",
-                sorted);
+            found[0].push_back(sorted);
         } else if (den == 0) {
-            add("triangle",
-                "triangle of " + which +
-                    ": the camera points are collinear, so the map there ignores camera y",
-                sorted);
+            found[1].push_back(sorted);
         } else if (std::fabs(den) < 1e-3 * span) {
-            add("triangle",
-                "triangle of " + which +
-                    ": the camera points are nearly collinear, so the map there is unstable",
-                sorted);
+            found[2].push_back(sorted);
         }
+    }
+    for (int what = 0; what < 3; ++what) {
+        const auto& list = found[what];
+        if (list.size() <= 2) {
+            for (const auto& t : list) {
+                add("triangle",
+                    "triangle of " + name(t[0]) + ", " + name(t[1]) + " and " + name(t[2]) + ": " +
+                        triangleWhat[what],
+                    t);
+            }
+            continue;
+        }
+        std::set<int> involved;
+        std::string examples;
+        for (std::size_t i = 0; i < list.size(); ++i) {
+            involved.insert(list[i].begin(), list[i].end());
+            if (i < 3) {
+                examples += (i ? "; " : "") + std::to_string(list[i][0]) + ", " +
+                            std::to_string(list[i][1]) + ", " + std::to_string(list[i][2]);
+            }
+        }
+        add("triangle",
+            std::to_string(list.size()) + " triangles (points " + examples + "; ...), " +
+                std::to_string(involved.size()) + " points in all: " + triangleWhat[what],
+            std::vector<int>(involved.begin(), involved.end()));
     }
     if (n == 3) return r;
     const int k = r.k;
@@ -240,6 +275,14 @@ inline CalibrationReport checkCalibration(const std::vector<CalibrationPoint>& p
             std::vector<int> involved;
             for (int c = 0; c < k; ++c)
                 involved.push_back(row * k + c), involved.push_back((row + 1) * k + c);
+            if (rowY[row + 1] == rowY[row]) {
+                add("order",
+                    "rows " + std::to_string(row + 1) + " and " + std::to_string(row + 2) +
+                        " lie at the same camera y (" + number(rowY[row]) +
+                        " on average): y must grow from row to row",
+                    involved);
+                continue;
+            }
             const bool swapped = (row + 2 >= k || rowY[row] < rowY[row + 2]) &&
                                  (row == 0 || rowY[row - 1] < rowY[row + 1]);
             add("order",
@@ -256,8 +299,14 @@ inline CalibrationReport checkCalibration(const std::vector<CalibrationPoint>& p
                 const float x0 = pts[i].camera.x, x1 = pts[i + 1].camera.x;
                 if (x1 > x0) continue;
                 r.ordered = false;
+                // A swap moves two points along their row: their y still fits their column.
+                auto fitsColumn = [&](int j) {
+                    return (j < k || pts[j - k].camera.y < pts[j].camera.y) &&
+                           (j + k >= n || pts[j].camera.y < pts[j + k].camera.y);
+                };
                 const bool swapped = x1 < x0 && (c == 0 || pts[i - 1].camera.x < x1) &&
-                                     (c + 2 >= k || x0 < pts[i + 2].camera.x);
+                                     (c + 2 >= k || x0 < pts[i + 2].camera.x) && fitsColumn(i) &&
+                                     fitsColumn(i + 1);
                 add("order",
                     name(i) + " and " + name(i + 1) +
                         (swapped ? " look swapped" : " are out of order") + ": camera x " +
@@ -322,19 +371,33 @@ inline CalibrationReport checkCalibration(const std::vector<CalibrationPoint>& p
             r.scale[cell] = std::sqrt(std::fabs(da / ca));
             scales.push_back(r.scale[cell]);
         }
-        const char* shapeName[] = {"", "degenerate (no area)", "flipped (mirrored)",
-                                   "folded (its edges cross)"};
-        const std::string where = "cell at row " + std::to_string(cell / (k - 1) + 1) +
-                                  ", column " + std::to_string(cell % (k - 1) + 1) + " (points " +
-                                  std::to_string(q[0]) + ", " + std::to_string(q[1]) + ", " +
-                                  std::to_string(q[2]) + ", " + std::to_string(q[3]) + ")";
-        if (r.cameraShape[cell] != CellShape::Ok) {
-            add("cell", where + " is " + shapeName[int(r.cameraShape[cell])] + " in camera space",
-                q, cell);
-        } else if (r.deviceShape[cell] != CellShape::Ok) {
-            add("cell", where + " is " + shapeName[int(r.deviceShape[cell])] + " in device space",
-                q, cell);
-        }
+    }
+    // Bad cells, runs of neighbouring cells in a row with the same fault as one problem.
+    const char* shapeName[] = {"", "degenerate (no area)", "flipped (mirrored)",
+                               "folded (edges crossing)"};
+    auto fault = [&](int cell) {
+        if (r.cameraShape[cell] != CellShape::Ok) return int(r.cameraShape[cell]);
+        if (r.deviceShape[cell] != CellShape::Ok) return 4 + int(r.deviceShape[cell]);
+        return 0;
+    };
+    for (int cell = 0; cell < cells; ++cell) {
+        const int f = fault(cell);
+        if (f == 0) continue;
+        int last = cell;
+        while ((last + 1) % (k - 1) != 0 && fault(last + 1) == f) ++last;
+        const int row = cell / (k - 1) + 1, first = cell % (k - 1) + 1;
+        const int a = corners(cell)[0], b = corners(last)[1];
+        std::string where =
+            last == cell
+                ? "cell at row " + std::to_string(row) + ", column " + std::to_string(first)
+                : "cells at row " + std::to_string(row) + ", columns " + std::to_string(first) +
+                      " to " + std::to_string(last % (k - 1) + 1);
+        where += " (points " + std::to_string(a) + " to " + std::to_string(b + k) + ")";
+        add("cell",
+            where + (last == cell ? " is " : " are ") + shapeName[f % 4] +
+                (f < 4 ? " in camera space" : " in device space"),
+            {a, b, b + k, a + k}, cell);
+        cell = last;
     }
     r.medianScale = median(scales);
 
@@ -349,7 +412,7 @@ inline CalibrationReport checkCalibration(const std::vector<CalibrationPoint>& p
     r.spacing = median(spacings);
     r.tolerance = tolerance > 0 ? tolerance : r.spacing / 10;
     r.residual.assign(n, -1);
-    if (!r.ordered) return r;
+    if (!r.ordered) return sortProblems(r);
     std::vector<bool> excluded(n, false);
     for (int round = 0; round <= n / 4; ++round) {
         int worst = -1;
@@ -380,7 +443,7 @@ inline CalibrationReport checkCalibration(const std::vector<CalibrationPoint>& p
                 "): a mistyped or misdetected point?",
             {worst}, -1, r.residual[worst]);
     }
-    return r;
+    return sortProblems(r);
 }
 
 }  // namespace quelworks::cli
