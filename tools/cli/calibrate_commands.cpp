@@ -375,7 +375,7 @@ void runMap(const MapOptions& o) {
     if (!transform.IsUsable()) {
         throw CommandError(kExitBadInput, o.calibration + ": unusable calibration size (" +
                                               std::to_string(file.points.size()) +
-                                              " points; it needs exactly 3 or a k x k grid)");
+                                              " points): it needs exactly 3 or a k x k grid");
     }
     std::istream* source = &std::cin;
     std::istringstream fileText;
