@@ -7,6 +7,8 @@
 #include <cstdint>
 #include <limits>
 #include <stdexcept>
+#include <system_error>
+#include <thread>
 #include <vector>
 
 #include "affine_fit.h"
@@ -24,6 +26,9 @@ namespace {
 // float operations is correctly rounded (relative error 2^-24 each, about 2e-7 in all).
 constexpr double kRelativeSlack = 1e-5;
 constexpr double kAbsoluteSlack = 1e-20;
+
+// Arrays of at least this many points are mapped on several threads.
+constexpr std::size_t kParallelPoints = 65536;
 
 }  // namespace
 
@@ -243,5 +248,29 @@ Vector2f PreparedTransformation::Transform(Vector2f p) const {
 
 void PreparedTransformation::Transform(const Vector2f* in, Vector2f* out, std::size_t count) const {
     const Data& data = *data_;
-    for (std::size_t i = 0; i < count; ++i) out[i] = data.transform(in[i]);
+    auto run = [&data, in, out](std::size_t first, std::size_t last) {
+        for (std::size_t i = first; i < last; ++i) out[i] = data.transform(in[i]);
+    };
+    // Large arrays are shared out to up to four threads in contiguous parts: the prepared data is
+    // only read, and each point is written by one thread, so the result does not depend on the
+    // split. If a thread cannot be started, the calling thread maps that part itself.
+    const unsigned cores = std::max(1u, std::min(4u, std::thread::hardware_concurrency()));
+    if (count < kParallelPoints || cores == 1) {
+        run(0, count);
+        return;
+    }
+    const std::size_t part = (count + cores - 1) / cores;
+    std::vector<std::thread> workers;
+    std::size_t first = part;
+    for (; first < count; first += part) {
+        const std::size_t last = std::min(count, first + part);
+        try {
+            workers.emplace_back(run, first, last);
+        } catch (const std::system_error&) {
+            break;
+        }
+    }
+    run(0, part);
+    for (; first < count; first += part) run(first, std::min(count, first + part));
+    for (std::thread& worker : workers) worker.join();
 }

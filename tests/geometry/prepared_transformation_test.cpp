@@ -300,6 +300,26 @@ TEST(PreparedTransformationThreads, ConcurrentMappingGivesTheSameResults) {
     }
     for (std::thread& t : threads) t.join();
     for (int t = 0; t < 4; ++t) EXPECT_EQ(wrong[t], 0) << "thread " << t;
+
+    // A large array is mapped in parts on several threads, also in place: every point exactly
+    // once, the same as one at a time.
+    std::vector<Vector2f> big;
+#ifdef QW_SANITIZED
+    const int count = 70001;  // just above the size that is split over threads
+#else
+    const int count = 200003;
+#endif
+    for (int i = 0; i < count; ++i) big.push_back(query(points, rng));
+    std::vector<Vector2f> mapped(big.size());
+    prepared.Transform(big.data(), mapped.data(), big.size());
+    std::vector<Vector2f> inPlace = big;
+    prepared.Transform(inPlace.data(), inPlace.data(), inPlace.size());
+    std::size_t same = 0;
+    for (std::size_t i = 0; i < big.size(); ++i) {
+        const std::uint64_t one = bits(prepared.Transform(big[i]));
+        same += one == bits(mapped[i]) && one == bits(inPlace[i]);
+    }
+    EXPECT_EQ(same, big.size());
 }
 
 }  // namespace

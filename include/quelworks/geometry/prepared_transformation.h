@@ -35,7 +35,8 @@ public:
 
     /// Maps one camera position to device coordinates.
     Vector2f Transform(Vector2f p) const;
-    /// Maps count camera positions from in to out; in and out may be the same array.
+    /// Maps count camera positions from in to out; in and out may be the same array. Arrays of
+    /// 65536 points or more are shared out to up to four threads (one per core).
     void Transform(const Vector2f* in, Vector2f* out, std::size_t count) const;
 
 private:
