@@ -27,6 +27,9 @@ namespace {
 constexpr double kRelativeSlack = 1e-5;
 constexpr double kAbsoluteSlack = 1e-20;
 
+// Within this extent no float distance between positions inside the calibrated area overflows.
+constexpr double kCandidateExtent = 1e18;
+
 // Arrays of at least this many points are mapped on several threads.
 constexpr std::size_t kParallelPoints = 65536;
 
@@ -49,6 +52,11 @@ struct PreparedTransformation::Data {
     int gx = 1, gy = 1;
     std::vector<std::int32_t> start;
     std::vector<std::int32_t> index;
+    // For each cell, the points that can be nearest to some position inside it, at
+    // candidates[candidateStart[c] .. candidateStart[c + 1]). Built when the camera positions
+    // span less than kCandidateExtent.
+    std::vector<std::int32_t> candidateStart;
+    std::vector<std::int32_t> candidates;
 
     void prepare(const CalibrationPoint* points, std::int32_t count);
     void buildIndex();
@@ -56,6 +64,8 @@ struct PreparedTransformation::Data {
     int cellRow(double y) const;
     int nearest(Vector2f p) const;
     int nearestIndexed(Vector2f p) const;
+    void buildCandidates();
+    int nearestCandidate(Vector2f p, bool& inside) const;
     int nearestBySort(Vector2f p, int first, int count) const;
     Vector2f transform(Vector2f p) const;
 };
@@ -115,6 +125,7 @@ void PreparedTransformation::Data::buildIndex() {
     std::vector<std::int32_t> fill(start.begin(), start.end() - 1);
     for (int i = 0; i < n; ++i) index[fill[cellOf[i]]++] = i;
     indexed = true;
+    if (x1 - x0 < kCandidateExtent && y1 - y0 < kCandidateExtent) buildCandidates();
 }
 
 int PreparedTransformation::Data::cellColumn(double x) const {
@@ -134,7 +145,11 @@ int PreparedTransformation::Data::cellRow(double y) const {
 // wins, so then the result depends on the halving itself.
 int PreparedTransformation::Data::nearest(Vector2f p) const {
     // Finite p and finite camera positions never give a NaN distance (an overflow gives +inf).
-    if (indexed && std::isfinite(p.x) && std::isfinite(p.y)) return nearestIndexed(p);
+    if (indexed && std::isfinite(p.x) && std::isfinite(p.y)) {
+        bool inside = false;
+        const int m = nearestCandidate(p, inside);
+        return inside ? m : nearestIndexed(p);
+    }
     return nearestBySort(p, 0, n);
 }
 
@@ -201,6 +216,92 @@ int PreparedTransformation::Data::nearestIndexed(Vector2f p) const {
         if (openBottom) reach = std::min(reach, (y0 + (bottom + 1) * cell) - py);
         reach -= margin;
         if (reach * (1 - kRelativeSlack) - kAbsoluteSlack > best) break;
+    }
+    return bestIndex;
+}
+
+// Candidate lists per cell, so that a position inside the calibrated area is compared with only
+// the few points that can be nearest to it.
+//
+// Why this gives exactly the ranking's point: let R be the cell grown by `margin` (so it holds
+// every position filed into the cell despite rounding). For p in R and any point i, the exact
+// distance is at most dmax(i), the distance from i to the farthest corner of R; so the smallest
+// float distance is at most U (1 + kRelativeSlack) + kAbsoluteSlack with U the smallest dmax (no
+// float distance overflows within kCandidateExtent). A point j no nearer to R than dmin(j) has
+// float distance at least dmin(j) (1 - kRelativeSlack) - kAbsoluteSlack (see nearestIndexed). A
+// point for which that exceeds the bound above is farther than the nearest for every p in R and
+// can neither win nor tie; every other point is a candidate. The earliest point at the smallest
+// float distance among the candidates is then the earliest among all points.
+void PreparedTransformation::Data::buildCandidates() {
+    candidateStart.assign(1, 0);
+    auto ringCells = [this](int cx, int cy, int r, auto&& visit) {
+        for (int column = std::max(cx - r, 0); column <= std::min(cx + r, gx - 1); ++column) {
+            if (cy - r >= 0) visit(column, cy - r);
+            if (r > 0 && cy + r < gy) visit(column, cy + r);
+        }
+        for (int row = std::max(cy - r + 1, 0); row <= std::min(cy + r - 1, gy - 1); ++row) {
+            if (cx - r >= 0) visit(cx - r, row);
+            if (r > 0 && cx + r < gx) visit(cx + r, row);
+        }
+    };
+    const int rings = std::max(gx, gy);
+    for (int cy = 0; cy < gy; ++cy) {
+        for (int cx = 0; cx < gx; ++cx) {
+            const double rx0 = x0 + cx * cell - margin, rx1 = x0 + (cx + 1) * cell + margin;
+            const double ry0 = y0 + cy * cell - margin, ry1 = y0 + (cy + 1) * cell + margin;
+            // U from the points of the first rings that hold any (one ring more, for a good U).
+            double u = std::numeric_limits<double>::infinity();
+            int firstFound = -1;
+            for (int r = 0; r < rings && (firstFound < 0 || r <= firstFound + 1); ++r) {
+                ringCells(cx, cy, r, [&](int column, int row) {
+                    const std::size_t c = static_cast<std::size_t>(row) * gx + column;
+                    for (std::int32_t s = start[c]; s < start[c + 1]; ++s) {
+                        const Vector2f q = camera[static_cast<std::size_t>(index[s])];
+                        const double dx = std::max(std::fabs(q.x - rx0), std::fabs(q.x - rx1));
+                        const double dy = std::max(std::fabs(q.y - ry0), std::fabs(q.y - ry1));
+                        u = std::min(u, std::sqrt(dx * dx + dy * dy));
+                        if (firstFound < 0) firstFound = r;
+                    }
+                });
+            }
+            const double bound =
+                (u * (1 + kRelativeSlack) + 2 * kAbsoluteSlack) / (1 - kRelativeSlack);
+            // Points beyond ring r lie at least r cells (less the margins) from R.
+            for (int r = 0; r < rings; ++r) {
+                ringCells(cx, cy, r, [&](int column, int row) {
+                    const std::size_t c = static_cast<std::size_t>(row) * gx + column;
+                    for (std::int32_t s = start[c]; s < start[c + 1]; ++s) {
+                        const Vector2f q = camera[static_cast<std::size_t>(index[s])];
+                        const double dx = std::max({rx0 - q.x, 0.0, q.x - rx1});
+                        const double dy = std::max({ry0 - q.y, 0.0, q.y - ry1});
+                        if (std::sqrt(dx * dx + dy * dy) <= bound) candidates.push_back(index[s]);
+                    }
+                });
+                if (r * cell - 2 * margin > bound) break;
+            }
+            candidateStart.push_back(static_cast<std::int32_t>(candidates.size()));
+        }
+    }
+}
+
+// The nearest point from the candidate list of p's cell; inside is false (and nothing is
+// searched) when p lies outside the calibrated area or no lists were built.
+int PreparedTransformation::Data::nearestCandidate(Vector2f p, bool& inside) const {
+    inside = false;
+    if (candidateStart.empty()) return 0;
+    const double tx = std::floor((p.x - x0) / cell), ty = std::floor((p.y - y0) / cell);
+    if (!(tx >= 0 && tx < gx && ty >= 0 && ty < gy)) return 0;
+    inside = true;
+    const std::size_t c = static_cast<std::size_t>(ty) * gx + static_cast<std::size_t>(tx);
+    float best = std::numeric_limits<float>::infinity();
+    int bestIndex = INT_MAX;
+    for (std::int32_t s = candidateStart[c]; s < candidateStart[c + 1]; ++s) {
+        const int i = candidates[s];
+        const float d = cameraDistance(camera[static_cast<std::size_t>(i)], p);
+        if (d < best || (d == best && i < bestIndex)) {
+            best = d;
+            bestIndex = i;
+        }
     }
     return bestIndex;
 }
