@@ -27,6 +27,8 @@ using quelworks::cli::kExitUsage;
 
 // At most this many mapped points are drawn; the rest are only printed.
 constexpr std::size_t kMaxDrawnPoints = 20000;
+// Grids of more cells than this on a side are drawn in blocks of cells.
+constexpr int kDrawnCells = 64;
 
 struct CheckOptions {
     std::string calibration;
@@ -130,6 +132,11 @@ std::string scaleColour(double relative) {
     return text;
 }
 
+// A message cut to the width of the picture.
+std::string clipped(const std::string& text) {
+    return text.size() <= 160 ? text : text.substr(0, 157) + "...";
+}
+
 std::string escapeXml(const std::string& text) {
     std::string out;
     for (char c : text) {
@@ -178,32 +185,49 @@ std::string drawCalibration(const std::string& title, const std::vector<Calibrat
             << "\" width=\"" << panel << "\" height=\"" << panel
             << "\" fill=\"none\" stroke=\"#bbb\"/>\n";
         auto pos = [&](int i) { return side == 0 ? pts[i].camera : pts[i].device; };
-        // Cells, coloured by scale; bad ones dark.
-        for (int cell = 0; k > 1 && cell < (k - 1) * (k - 1); ++cell) {
-            const int a = cell / (k - 1) * k + cell % (k - 1);
-            const int q[4] = {a, a + 1, a + k + 1, a + k};
-            const bool bad = report.cameraShape[cell] != CellShape::Ok ||
-                             report.deviceShape[cell] != CellShape::Ok;
-            const std::string fill =
-                bad ? "#555"
-                    : scaleColour(report.medianScale > 0 ? report.scale[cell] / report.medianScale
-                                                         : 1);
-            svg << "<polygon points=\"";
-            for (int i : q) svg << p.at(pos(i)) << " ";
-            svg << "\" fill=\"" << fill << "\" fill-opacity=\"" << (bad ? 0.55 : 0.85)
-                << "\" stroke=\"#888\" stroke-width=\"0.6\"/>\n";
+        // Cells, coloured by scale; bad ones dark. A large grid is drawn in blocks of stride x
+        // stride cells (scale averaged, dark when any cell in it is bad), every stride-th row.
+        const int stride = std::max(1, (k - 1 + kDrawnCells - 1) / kDrawnCells);
+        auto next = [&](int i) { return std::min(i + stride, k - 1); };
+        for (int row = 0; k > 1 && row < k - 1; row = next(row)) {
+            for (int column = 0; column < k - 1; column = next(column)) {
+                bool bad = false;
+                double scale = 0;
+                int count = 0;
+                for (int r = row; r < next(row); ++r) {
+                    for (int c = column; c < next(column); ++c) {
+                        const int cell = r * (k - 1) + c;
+                        bad |= report.cameraShape[cell] != CellShape::Ok ||
+                               report.deviceShape[cell] != CellShape::Ok;
+                        scale += report.scale[cell];
+                        ++count;
+                    }
+                }
+                const std::string fill =
+                    bad ? "#555"
+                        : scaleColour(report.medianScale > 0 ? scale / count / report.medianScale
+                                                             : 1);
+                const int q[4] = {row * k + column, row * k + next(column),
+                                  next(row) * k + next(column), next(row) * k + column};
+                svg << "<polygon points=\"";
+                for (int i : q) svg << p.at(pos(i)) << " ";
+                svg << "\" fill=\"" << fill << "\" fill-opacity=\"" << (bad ? 0.55 : 0.85)
+                    << "\" stroke=\"#888\" stroke-width=\"0.6\"/>\n";
+            }
         }
         if (k == 0 && pts.size() == 3) {
             svg << "<polygon points=\"" << p.at(pos(0)) << " " << p.at(pos(1)) << " "
                 << p.at(pos(2)) << "\" fill=\"#f7f7f7\" stroke=\"#888\"/>\n";
         }
         // Rows as polylines, so the list order shows (a wrong order zig-zags).
-        for (int row = 0; k > 1 && row < k; ++row) {
+        for (int row = 0; k > 1; row = next(row)) {
             svg << "<polyline fill=\"none\" stroke=\"#333\" stroke-width=\"1\" points=\"";
-            for (int c = 0; c < k; ++c) svg << p.at(pos(row * k + c)) << " ";
+            for (int c = 0; c < k; c = c == k - 1 ? k : next(c))
+                svg << p.at(pos(row * k + c)) << " ";
             svg << "\"/>\n";
+            if (row == k - 1) break;
         }
-        for (std::size_t i = 0; i < pts.size(); ++i) {
+        for (std::size_t i = 0; stride == 1 && i < pts.size(); ++i) {
             svg << "<circle cx=\"" << fmt(p.x(pos(static_cast<int>(i)))) << "\" cy=\""
                 << fmt(p.y(pos(static_cast<int>(i)))) << "\" r=\"2\" fill=\"#222\"/>\n";
         }
@@ -280,7 +304,7 @@ std::string drawCalibration(const std::string& title, const std::vector<Calibrat
     for (std::size_t n = 0; n < listed; ++n) {
         y += 18;
         svg << "<text x=\"" << margin << "\" y=\"" << y << "\">" << n + 1 << ". "
-            << escapeXml(report.problems[n].message) << "</text>\n";
+            << escapeXml(clipped(report.problems[n].message)) << "</text>\n";
     }
     if (listed < report.problems.size()) {
         svg << "<text x=\"" << margin << "\" y=\"" << y + 18 << "\">... and "

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <queue>
 #include <set>
 #include <string>
 #include <tuple>
@@ -414,34 +415,50 @@ inline CalibrationReport checkCalibration(const std::vector<CalibrationPoint>& p
     r.residual.assign(n, -1);
     if (!r.ordered) return sortProblems(r);
     std::vector<bool> excluded(n, false);
-    for (int round = 0; round <= n / 4; ++round) {
-        int worst = -1;
-        for (int i = 0; i < n; ++i) {
-            if (excluded[i]) continue;
-            std::vector<int> use;
-            for (int dr = -1; dr <= 1; ++dr) {
-                for (int dc = -1; dc <= 1; ++dc) {
-                    const int row = i / k + dr, c = i % k + dc;
-                    if ((dr || dc) && row >= 0 && row < k && c >= 0 && c < k &&
-                        !excluded[row * k + c]) {
-                        use.push_back(row * k + c);
-                    }
+    auto residualOf = [&](int i) {
+        std::vector<int> use;
+        for (int dr = -1; dr <= 1; ++dr) {
+            for (int dc = -1; dc <= 1; ++dc) {
+                const int row = i / k + dr, c = i % k + dc;
+                if ((dr || dc) && row >= 0 && row < k && c >= 0 && c < k &&
+                    !excluded[row * k + c]) {
+                    use.push_back(row * k + c);
                 }
             }
-            V2 predicted{};
-            r.residual[i] =
-                fitAt(pts, use, cam(i), predicted) ? length(sub(predicted, dev(i))) : -1;
-            if (r.residual[i] > r.tolerance && (worst < 0 || r.residual[i] > r.residual[worst])) {
-                worst = i;
-            }
         }
-        if (worst < 0) break;
-        excluded[worst] = true;
+        V2 predicted{};
+        return fitAt(pts, use, cam(i), predicted) ? length(sub(predicted, dev(i))) : -1.0;
+    };
+    // Largest residual first; an entry whose residual has changed since is stale and skipped.
+    std::priority_queue<std::pair<double, int>> worst;
+    for (int i = 0; i < n; ++i) {
+        r.residual[i] = residualOf(i);
+        if (r.residual[i] > r.tolerance) worst.push({r.residual[i], -i});
+    }
+    // A file of noise could name every point: a few hundred say enough.
+    std::size_t named = 0;
+    while (!worst.empty() && named < 500) {
+        const auto [residual, negative] = worst.top();
+        worst.pop();
+        const int i = -negative;
+        if (excluded[i] || residual != r.residual[i]) continue;
+        excluded[i] = true;
+        ++named;
         add("point",
-            name(worst) + " disagrees with its neighbours by " + number(r.residual[worst]) +
+            name(i) + " disagrees with its neighbours by " + number(residual) +
                 " device units (tolerance " + number(r.tolerance) +
                 "): a mistyped or misdetected point?",
-            {worst}, -1, r.residual[worst]);
+            {i}, -1, residual);
+        // Only the fits of its neighbours change.
+        for (int dr = -1; dr <= 1; ++dr) {
+            for (int dc = -1; dc <= 1; ++dc) {
+                const int row = i / k + dr, c = i % k + dc;
+                if (row < 0 || row >= k || c < 0 || c >= k || excluded[row * k + c]) continue;
+                const int j = row * k + c;
+                r.residual[j] = residualOf(j);
+                if (r.residual[j] > r.tolerance) worst.push({r.residual[j], -j});
+            }
+        }
     }
     return sortProblems(r);
 }
