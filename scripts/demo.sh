@@ -3,7 +3,8 @@
 # pseudo-terminal, lists the serial ports, reads the device's identity, flashes a sample image
 # over an emulated 115200-baud line (a progress bar on a terminal, plain lines otherwise),
 # verifies what the device received byte for byte, stops the simulator, hatches a sample outline
-# into an SVG picture, and runs the examples.
+# into an SVG picture, checks a sample calibration (finding its mistyped point, drawn into an SVG
+# picture), maps a camera position through it, and runs the examples.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -71,6 +72,17 @@ echo "simulator stopped"
 if [ -f examples/outline.txt ]; then
     step quelworks hatch examples/outline.txt --spacing 10 --svg build/release/outline-hatch.svg
     "$bin/cli/quelworks" hatch examples/outline.txt --spacing 10 --svg build/release/outline-hatch.svg
+fi
+
+if [ -f examples/calibration-12x12.txt ]; then
+    # The sample calibration holds one mistyped point: check finds it (exit 12) and draws where.
+    step quelworks calibrate check examples/calibration-12x12.txt --svg build/release/calibration-check.svg
+    status=0
+    "$bin/cli/quelworks" calibrate check examples/calibration-12x12.txt \
+        --svg build/release/calibration-check.svg || status=$?
+    [ "$status" -eq 12 ] || { echo "demo: calibrate check should have found the mistyped point" >&2; exit 1; }
+    step "echo 640 480 | quelworks calibrate map examples/calibration-12x12.txt"
+    echo "640 480" | "$bin/cli/quelworks" calibrate map examples/calibration-12x12.txt
 fi
 
 for example in "${examples[@]}"; do

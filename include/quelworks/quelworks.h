@@ -28,6 +28,7 @@
 #include "quelworks/geometry/coordinate_transformation.h"
 #include "quelworks/geometry/hatching.h"
 #include "quelworks/geometry/polygon.h"
+#include "quelworks/geometry/prepared_transformation.h"
 #include "quelworks/geometry/shapes.h"
 #include "quelworks/geometry/vector2f.h"
 

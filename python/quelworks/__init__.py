@@ -18,7 +18,7 @@ from ._native import CalibrationPoint, Point, lib
 __all__ = [
     "Error", "TimeoutError", "Port", "AsyncLink", "Bootloader", "IniFile", "crc16", "version", "list_ports",
     "list_port_details",
-    "point_in_polygon", "points_in_polygon", "transform", "transform_many",
+    "point_in_polygon", "points_in_polygon", "transform", "transform_many", "Transformation",
 ]
 
 
@@ -472,12 +472,8 @@ def transform(calibration, x, y):
     return out.x, out.y
 
 
-def transform_many(calibration, points):
-    """The same for many points in one call: a list of (x, y) (an N x 2 array for NumPy input)."""
-    cal, n = _calibration(calibration)
-    pts, count = _points(points)
-    out = (Point * max(count, 1))()
-    _check(lib.qw_geo_transform_many(cal, n, pts, count, out))
+def _mapped(out, count, points):
+    """The mapped points as the caller gave them: an N x 2 array for NumPy input, else a list."""
     try:
         import numpy
 
@@ -487,3 +483,39 @@ def transform_many(calibration, points):
         pass
     flat = _array.array("f", bytes(out)[:8 * count])
     return list(zip(flat[0::2], flat[1::2]))
+
+
+class Transformation(_Handle):
+    """The camera-to-device transformation prepared once from a calibration (a list of
+    ((cx, cy), (dx, dy)): three points, or a k x k grid row by row), for mapping many points.
+    Results are exactly those of transform(); one object may be used from several threads."""
+
+    _free = staticmethod(lib.qw_transform_free)
+
+    def __init__(self, calibration):
+        super().__init__()
+        cal, n = _calibration(calibration)
+        usable = ctypes.c_int32()
+        _check(lib.qw_transform_prepare(cal, n, ctypes.byref(self._handle), ctypes.byref(usable)))
+        # False when the calibration's size is unusable: every point then maps to (0, 0).
+        self.usable = bool(usable.value)
+
+    def map(self, x, y):
+        """Camera (x, y) to device coordinates."""
+        out = Point()
+        _check(lib.qw_transform_map(self._h(), x, y, ctypes.byref(out)))
+        return out.x, out.y
+
+    def map_many(self, points):
+        """Many points in one call: a list of (x, y) (an N x 2 array for NumPy input)."""
+        pts, count = _points(points)
+        out = (Point * max(count, 1))()
+        _check(lib.qw_transform_map_many(self._h(), pts, count, out))
+        return _mapped(out, count, points)
+
+
+def transform_many(calibration, points):
+    """The same for many points in one call: a list of (x, y) (an N x 2 array for NumPy input).
+    The calibration is prepared once for the call; keep a Transformation to map again."""
+    with Transformation(calibration) as prepared:
+        return prepared.map_many(points)

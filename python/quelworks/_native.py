@@ -129,6 +129,11 @@ _declare("qw_geo_transform", [ctypes.POINTER(CalibrationPoint), i32, ctypes.c_fl
                               ctypes.c_float, ctypes.POINTER(Point)])
 _declare("qw_geo_transform_many", [ctypes.POINTER(CalibrationPoint), i32, ctypes.POINTER(Point),
                                    i32, ctypes.POINTER(Point)])
+_declare("qw_transform_prepare", [ctypes.POINTER(CalibrationPoint), i32, ctypes.POINTER(handle),
+                                  ctypes.POINTER(i32)])
+_declare("qw_transform_map", [handle, ctypes.c_float, ctypes.c_float, ctypes.POINTER(Point)])
+_declare("qw_transform_map_many", [handle, ctypes.POINTER(Point), i32, ctypes.POINTER(Point)])
+_declare("qw_transform_free", [handle])
 
 _declare("qw_ini_create", [ctypes.c_char_p])
 _declare("qw_ini_get_value", [ctypes.c_char_p] * 3 + [ctypes.c_char_p, i32, ctypes.POINTER(i32)])

@@ -61,3 +61,22 @@ def test_port_details_follow_the_port_listing():
     for port in details:
         assert set(port) >= {"name", "description", "vendor_id", "product_id", "serial_number"}
         assert port["vendor_id"] is None or 0 <= port["vendor_id"] <= 0xFFFF
+
+
+def test_prepared_transformation_matches_the_one_shot_calls():
+    # A distorted 5 x 5 grid; points on calibration points, on their x and y, and between them.
+    grid = [((x * 10.0 + (x * y) % 3, y * 10.0 + (x + 2 * y) % 4),
+             (x * 21.0 + y * y * 0.5, y * 19.0 - x * x * 0.25)) for y in range(5) for x in range(5)]
+    points = [(c[0], c[1]) for c, _ in grid] + [(grid[7][0][0], 13.5), (25.0, 25.0), (-7.0, 61.0)]
+    points += [(i * 1.37 - 5.0, i * 0.91 - 3.0) for i in range(60)]
+    with quelworks.Transformation(grid) as prepared:
+        assert prepared.usable
+        single = [prepared.map(x, y) for x, y in points]
+        assert single == [quelworks.transform(grid, x, y) for x, y in points]
+        assert prepared.map_many(points) == single
+    assert quelworks.transform_many(grid, points) == single
+    with pytest.raises(quelworks.Error):
+        prepared.map(1.0, 2.0)  # closed
+    unusable = quelworks.Transformation(grid[:5])
+    assert not unusable.usable and unusable.map(3.0, 4.0) == (0.0, 0.0)
+    unusable.close()

@@ -17,7 +17,7 @@ namespace quelworks::capi {
 
 // What a handle stands for. Every handle records its kind, so a handle of one kind passed where
 // another is expected is refused.
-enum class Kind : std::uint8_t { Strings = 1, Port, Async, Boot, Crc, Lut, IniRecords };
+enum class Kind : std::uint8_t { Strings = 1, Port, Async, Boot, Crc, Lut, IniRecords, Transform };
 
 // The handle table. A handle's value encodes a slot and that slot's generation; it is never
 // dereferenced. A freed slot's generation moves on, so a stale handle no longer matches, and a

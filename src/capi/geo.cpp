@@ -9,6 +9,7 @@
 #include "quelworks/geometry/coordinate_transformation.h"
 #include "quelworks/geometry/hatching.h"
 #include "quelworks/geometry/polygon.h"
+#include "quelworks/geometry/prepared_transformation.h"
 
 namespace quelworks::capi {
 namespace {
@@ -190,14 +191,61 @@ QW_C_API qw_status QW_CALL qw_geo_transform_many(const qw_calibration_point* cal
         if (qw_status s = checkBuffer(calibration, calibration_count, "calibration")) return s;
         if (qw_status s = checkBuffer(camera, count, "camera")) return s;
         if (qw_status s = checkBuffer(device, count, "device")) return s;
-        const RList<CalibrationPoint> points = toCalibration(calibration, calibration_count);
+        // The prepared transformation gives the same bits; preparing pays off from a few points.
+        const PreparedTransformation prepared(toCalibration(calibration, calibration_count));
         for (int32_t i = 0; i < count; ++i) {
-            Vector2f p = CoordinateTransformation::TransformCameraToDeviceCoordinates(
-                Vector2f(camera[i].x, camera[i].y), points);
+            Vector2f p = prepared.Transform(Vector2f(camera[i].x, camera[i].y));
             device[i] = qw_point{p.x, p.y};
         }
         return QW_OK;
     });
+}
+
+QW_C_API qw_status QW_CALL qw_transform_prepare(const qw_calibration_point* calibration,
+                                                int32_t calibration_count, qw_transform** transform,
+                                                int32_t* usable) {
+    return guarded([&] {
+        if (qw_status s = checkBuffer(calibration, calibration_count, "calibration")) return s;
+        QW_REQUIRE(transform, "null pointer: transform");
+        auto prepared =
+            std::make_shared<PreparedTransformation>(toCalibration(calibration, calibration_count));
+        if (usable != nullptr) *usable = prepared->IsUsable() ? 1 : 0;
+        return createHandle(Kind::Transform, std::move(prepared), transform);
+    });
+}
+
+QW_C_API qw_status QW_CALL qw_transform_map(qw_transform* transform, float x, float y,
+                                            qw_point* device) {
+    return guarded([&] {
+        QW_FIND(t, PreparedTransformation, transform, Kind::Transform);
+        QW_REQUIRE(device, "null pointer: device");
+        const Vector2f p = t->Transform(Vector2f(x, y));
+        *device = qw_point{p.x, p.y};
+        return QW_OK;
+    });
+}
+
+QW_C_API qw_status QW_CALL qw_transform_map_many(qw_transform* transform, const qw_point* camera,
+                                                 int32_t count, qw_point* device) {
+    return guarded([&] {
+        QW_FIND(t, PreparedTransformation, transform, Kind::Transform);
+        if (qw_status s = checkBuffer(camera, count, "camera")) return s;
+        if (qw_status s = checkBuffer(device, count, "device")) return s;
+        // In blocks through a local buffer, so that device may be the camera array itself.
+        Vector2f block[256];
+        for (int32_t first = 0; first < count; first += 256) {
+            const int32_t n = count - first < 256 ? count - first : 256;
+            for (int32_t i = 0; i < n; ++i)
+                block[i] = Vector2f(camera[first + i].x, camera[first + i].y);
+            t->Transform(block, block, static_cast<std::size_t>(n));
+            for (int32_t i = 0; i < n; ++i) device[first + i] = qw_point{block[i].x, block[i].y};
+        }
+        return QW_OK;
+    });
+}
+
+QW_C_API qw_status QW_CALL qw_transform_free(qw_transform* transform) {
+    return guarded([&] { return freeHandle(transform, Kind::Transform); });
 }
 
 }  // extern "C"

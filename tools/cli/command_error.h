@@ -21,7 +21,9 @@ enum ExitCode : int {
     kExitHeaderRefused = 9,    // the device refused the firmware header
     kExitBlockRejected = 10,   // the device rejected a block
     kExitBadInput = 11,        // an input file other than an image is unusable
-    kExitInterrupted = 130,    // stopped by Ctrl-C (between two blocks of a flash)
+    // calibrate check found problems in the calibration
+    kExitCalibrationFaults = 12,
+    kExitInterrupted = 130,  // stopped by Ctrl-C (between two blocks of a flash)
 };
 
 // Thrown by a command; main prints "quelworks: <message>" and exits with `code`.

@@ -18,6 +18,7 @@
 #include "polygon_file.h"
 #include "quelworks/geometry/hatching.h"
 #include "quelworks/geometry/polygon.h"
+#include "text_io.h"
 
 namespace {
 
@@ -45,18 +46,10 @@ struct HatchOptions {
 };
 
 std::vector<pointf> readPolygonFile(const std::string& path) {
-    std::error_code ec;
-    if (std::filesystem::is_directory(path, ec)) {
-        throw CommandError(kExitBadInput, path + " is a folder, not an outline file");
-    }
-    std::ifstream in(path, std::ios::binary);
-    if (!in) throw CommandError(kExitBadInput, "cannot open " + path + ": " + std::strerror(errno));
-    std::ostringstream buffer;
-    buffer << in.rdbuf();
-    if (in.bad()) throw CommandError(kExitBadInput, "cannot read " + path);
+    const std::string text = quelworks::cli::readInputFile(path, "an outline file");
     std::vector<pointf> vertices;
     std::string error;
-    if (!quelworks::cli::parsePolygonText(buffer.str(), vertices, error)) {
+    if (!quelworks::cli::parsePolygonText(text, vertices, error)) {
         throw CommandError(kExitBadInput, path + ": " + error);
     }
     if (vertices.size() < 3) {
@@ -155,15 +148,7 @@ public:
     // Writes the picture to the file, or to standard output for "-".
     void write(const std::string& path, const std::string& outline, bool closed,
                const std::string& shapes) {
-        std::ofstream file;
-        if (path != "-") {
-            file.open(path, std::ios::binary);
-            if (!file) {
-                throw CommandError(kExitFailure,
-                                   "cannot write " + path + ": " + std::strerror(errno));
-            }
-        }
-        std::ostream& out = path == "-" ? std::cout : file;
+        std::ostringstream out;
         out << "<svg xmlns=\"http://www.w3.org/2000/svg\" viewBox=\"0 0 " << width_ << " "
             << height_ << "\" width=\"800\" height=\"" << 800.0f * height_ / width_ << "\">\n"
             << "<rect width=\"100%\" height=\"100%\" fill=\"white\"/>\n"
@@ -172,10 +157,7 @@ public:
             << "<" << (closed ? "polygon" : "polyline") << " points=\"" << outline
             << "\" fill=\"none\" stroke=\"black\" stroke-width=\"" << stroke_ * 1.5f << "\"/>\n"
             << "</svg>\n";
-        out.flush();
-        if (path != "-") file.close();
-        if (!out || (path != "-" && !file))
-            throw CommandError(kExitFailure, "cannot write " + path);
+        quelworks::cli::writeOutputFile(path, out.str());
     }
 
 private:

@@ -11,6 +11,9 @@
 #ifdef QW_HAVE_GEOMETRY_COMMANDS
 #include "geometry_commands.h"
 #endif
+#ifdef QW_HAVE_CALIBRATE_COMMANDS
+#include "calibrate_commands.h"
+#endif
 
 int main(int argc, char** argv) {
     CLI::App app{"quelworks: the device on a serial port (ports, info, flash) and plane geometry"};
@@ -19,6 +22,9 @@ int main(int argc, char** argv) {
     quelworks::cli::addDeviceCommands(app);
 #ifdef QW_HAVE_GEOMETRY_COMMANDS
     addGeometryCommands(app);
+#endif
+#ifdef QW_HAVE_CALIBRATE_COMMANDS
+    addCalibrateCommands(app);
 #endif
     // The first word that is not an option names the subcommand: say so when there is none of
     // that name rather than only that one is required.

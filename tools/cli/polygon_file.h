@@ -38,6 +38,47 @@ inline bool readNumber(const std::string& text, std::size_t& pos, std::size_t en
 
 }  // namespace detail
 
+// Parses the line text[start, end) (without its line end) as a point "x y" or "x,y". Returns 1
+// with the point in p, 0 for a blank line or a comment, -1 with a message in `error` (without the
+// line number) when the line is malformed.
+inline int parsePointLine(const std::string& text, std::size_t start, std::size_t end, pointf& p,
+                          std::string& error) {
+    std::size_t pos = start;
+    while (pos < end && detail::isBlank(text[pos])) ++pos;
+    if (pos == end || text[pos] == '#') return 0;
+    // Only this line is searched, so reading stays linear in the size of the text.
+    if (std::memchr(text.data() + start, '\0', end - start) != nullptr) {
+        error = "unexpected NUL byte";
+        return -1;
+    }
+    float x = 0.0f;
+    float y = 0.0f;
+    if (!detail::readNumber(text, pos, end, x)) {
+        error = "expected two numbers, \"x y\" or \"x,y\"";
+        return -1;
+    }
+    std::size_t gap = pos;
+    while (pos < end && detail::isBlank(text[pos])) ++pos;
+    if (pos < end && text[pos] == ',') {
+        ++pos;
+        while (pos < end && detail::isBlank(text[pos])) ++pos;
+    } else if (pos == gap) {
+        error = "expected a blank or a comma between x and y";
+        return -1;
+    }
+    if (!detail::readNumber(text, pos, end, y)) {
+        error = "expected two numbers, \"x y\" or \"x,y\"";
+        return -1;
+    }
+    while (pos < end && detail::isBlank(text[pos])) ++pos;
+    if (pos != end) {
+        error = "unexpected text after the two numbers";
+        return -1;
+    }
+    p = pointf(x, y);
+    return 1;
+}
+
 // Parses `text` into `vertices`. On failure returns false and sets `error` to a one-line
 // message naming the line ("line 3: expected two numbers, \"x y\" or \"x,y\"").
 inline bool parsePolygonText(const std::string& text, std::vector<pointf>& vertices,
@@ -49,50 +90,21 @@ inline bool parsePolygonText(const std::string& text, std::vector<pointf>& verti
         std::size_t end = text.find('\n', start);
         if (end == std::string::npos) end = text.size();
         ++lineNumber;
-        std::size_t pos = start;
-        while (pos < end && detail::isBlank(text[pos])) ++pos;
-        const std::size_t next = end + 1;
-        if (pos == end || text[pos] == '#') {
-            start = next;
-            continue;
-        }
-        // Only this line is searched, so reading stays linear in the size of the text.
-        if (std::memchr(text.data() + start, '\0', end - start) != nullptr) {
-            error = "line " + std::to_string(lineNumber) + ": unexpected NUL byte";
+        pointf p;
+        const int got = parsePointLine(text, start, end, p, error);
+        if (got < 0) {
+            error = "line " + std::to_string(lineNumber) + ": " + error;
             return false;
         }
-        const std::string where = "line " + std::to_string(lineNumber) + ": ";
-        float x = 0.0f;
-        float y = 0.0f;
-        if (!detail::readNumber(text, pos, end, x)) {
-            error = where + "expected two numbers, \"x y\" or \"x,y\"";
-            return false;
+        if (got > 0) {
+            if (vertices.size() >= kMaxPolygonVertices) {
+                error = "line " + std::to_string(lineNumber) + ": too many vertices (at most " +
+                        std::to_string(kMaxPolygonVertices) + ")";
+                return false;
+            }
+            vertices.push_back(p);
         }
-        std::size_t gap = pos;
-        while (pos < end && detail::isBlank(text[pos])) ++pos;
-        if (pos < end && text[pos] == ',') {
-            ++pos;
-            while (pos < end && detail::isBlank(text[pos])) ++pos;
-        } else if (pos == gap) {
-            error = where + "expected a blank or a comma between x and y";
-            return false;
-        }
-        if (!detail::readNumber(text, pos, end, y)) {
-            error = where + "expected two numbers, \"x y\" or \"x,y\"";
-            return false;
-        }
-        while (pos < end && detail::isBlank(text[pos])) ++pos;
-        if (pos != end) {
-            error = where + "unexpected text after the two numbers";
-            return false;
-        }
-        if (vertices.size() >= kMaxPolygonVertices) {
-            error =
-                where + "too many vertices (at most " + std::to_string(kMaxPolygonVertices) + ")";
-            return false;
-        }
-        vertices.push_back(pointf(x, y));
-        start = next;
+        start = end + 1;
     }
     return true;
 }
