@@ -14,3 +14,7 @@ qw_version_resource(quelworks-devsim "quelworks simulated device")
 include(QwPkgConfig)
 include(QwDocs)
 include(QwPackaging)
+
+if(QUELWORKS_BUILD_TESTS)
+    add_subdirectory(tests/release)
+endif()
