@@ -28,3 +28,9 @@ if(NOT _qw_c_version_string STREQUAL QW_C_VERSION)
     message(FATAL_ERROR "quelworks_c.h: QW_VERSION_STRING \"${_qw_c_version_string}\" does not match "
         "QW_VERSION_MAJOR/MINOR/PATCH (${QW_C_VERSION})")
 endif()
+# The ELF export version node names the major version too (QUELWORKS_C_<major>).
+file(STRINGS ${PROJECT_SOURCE_DIR}/src/capi/quelworks_c.map _qw_c_map_nodes REGEX "^QUELWORKS_C_[0-9]+ ")
+if(NOT _qw_c_map_nodes MATCHES "^QUELWORKS_C_${QW_C_VERSION_MAJOR} ")
+    message(FATAL_ERROR "src/capi/quelworks_c.map: the version node is not QUELWORKS_C_${QW_C_VERSION_MAJOR} "
+        "(the major version of quelworks_c.h)")
+endif()

@@ -11,7 +11,7 @@ if(QW_DOXYGEN)
         COMMAND ${QW_DOXYGEN} ${QW_DOCS_OUTPUT}/Doxyfile
         COMMAND ${CMAKE_COMMAND} -E echo "API reference: ${QW_DOCS_OUTPUT}/html/index.html"
         WORKING_DIRECTORY ${QW_DOCS_OUTPUT}
-        DEPENDS ${_qw_public_headers} ${PROJECT_SOURCE_DIR}/README.md
+        DEPENDS ${_qw_public_headers} ${PROJECT_SOURCE_DIR}/README.md ${PROJECT_SOURCE_DIR}/CHANGELOG.md
         COMMENT "Building the API reference with Doxygen"
         VERBATIM)
 else()

@@ -60,7 +60,7 @@ step "use the system's copy"
 [ "$(quelworks --version)" = "quelworks $version" ] || fail "quelworks --version: $(quelworks --version)"
 [ "$(quelworks-devsim --version)" = "quelworks-devsim $version" ] || fail "quelworks-devsim --version"
 quelworks-devsim --help >/dev/null
-ldd /usr/bin/quelworks | grep -q "libquelworks.so.0 => /usr/lib/" || fail "quelworks does not use /usr/lib"
+ldd /usr/bin/quelworks | grep -qE "libquelworks.so.0 => /(usr/)?lib/" || fail "quelworks does not use the system's library"
 rm -rf "$work/consumer"
 cmake -S tests/consumer -B "$work/consumer" -G Ninja >/dev/null
 grep -q '^quelworks_DIR:PATH=/usr/lib/' "$work/consumer/CMakeCache.txt" ||
