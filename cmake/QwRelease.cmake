@@ -12,8 +12,12 @@ qw_version_resource(quelworks-cli "quelworks command")
 qw_version_resource(quelworks-devsim "quelworks simulated device")
 
 include(QwPkgConfig)
-include(QwDocs)
-include(QwPackaging)
+# The docs target and cpack's configuration only when quelworks is the project being built, not
+# when another project includes it with add_subdirectory.
+if(PROJECT_IS_TOP_LEVEL)
+    include(QwDocs)
+    include(QwPackaging)
+endif()
 
 if(QUELWORKS_BUILD_TESTS)
     add_subdirectory(tests/release)

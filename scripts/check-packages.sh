@@ -106,10 +106,14 @@ cmake -S tests/consumer -B "$work/win-consumer" -G Ninja -DCMAKE_BUILD_TYPE=Rele
     -DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/mingw-w64-x86_64.cmake" \
     -Dquelworks_DIR="$root/lib/cmake/quelworks" >/dev/null
 cmake --build "$work/win-consumer"
+# Linked as a mingw user links by hand: the compiler runtime static, its thread library
+# (libwinpthread-1.dll) from the toolchain's folder. (-static would keep the linker from taking
+# the import library quelworks.dll.a for -lquelworks.)
 PKG_CONFIG_LIBDIR="$root/lib/pkgconfig" CXX=x86_64-w64-mingw32-g++-posix \
-    CC=x86_64-w64-mingw32-gcc-posix LDFLAGS=-static EXE=.exe \
+    CC=x86_64-w64-mingw32-gcc-posix LDFLAGS="-static-libgcc -static-libstdc++" EXE=.exe \
     bash tests/consumer/build-with-pkg-config.sh "$work/win-consumer-pc"
-WINEPATH=$(winepath -w "$root/bin")
+mingw_runtime=$(dirname "$(x86_64-w64-mingw32-gcc-posix -print-file-name=libwinpthread-1.dll)")
+WINEPATH="$(winepath -w "$root/bin");$(winepath -w "$mingw_runtime")"
 export WINEPATH
 for program in win-consumer/consumer win-consumer/consumer_c win-consumer-pc/consumer_pc \
     win-consumer-pc/consumer_c_pc; do
