@@ -1,5 +1,6 @@
 # Packages made by cpack from the install components (runtime, development, tools):
-#   Linux:   Debian packages libquelworks0 (the two shared libraries), libquelworks-dev (headers,
+#   Linux:   Debian packages libquelworksN (the two shared libraries; N is the C++ library's
+#            major version, as in its file name libquelworks.so.N), libquelworks-dev (headers,
 #            link libraries, CMake and pkg-config files) and quelworks-tools (the programs).
 #   Windows: one zip with bin/ (DLLs and programs), lib/ (import libraries, CMake and pkg-config
 #            files), include/, and README, CHANGELOG and LICENSE at the top.
@@ -15,7 +16,6 @@ set(CPACK_RESOURCE_FILE_LICENSE ${PROJECT_SOURCE_DIR}/LICENSE)
 set(CPACK_RESOURCE_FILE_README ${PROJECT_SOURCE_DIR}/README.md)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_PACKAGE_DIRECTORY ${PROJECT_BINARY_DIR}/packages)
-set(CPACK_SOURCE_IGNORE_FILES "/build/;/\\\\.git/")
 
 set(_qw_components runtime development)
 if(TARGET quelworks-cli OR TARGET quelworks-devsim)
@@ -47,10 +47,10 @@ else()
     set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR})
     set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS ON)
 
-    set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libquelworks0)
+    set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libquelworks${PROJECT_VERSION_MAJOR})
     set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
     # A shlibs file, so that packages built against these libraries get their dependency on
-    # libquelworks0 from dpkg-shlibdeps, and the ldconfig trigger.
+    # this package from dpkg-shlibdeps, and the ldconfig trigger.
     set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
     set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY "=")
     file(WRITE ${PROJECT_BINARY_DIR}/packaging/runtime/triggers "activate-noawait ldconfig\n")
@@ -61,7 +61,7 @@ else()
         "quelworks is a library for control applications of a serially attached,\n"
         "camera-guided device: serial links, CRC-16, a bootloader client, plane\n"
         "geometry, lookup tables and INI files.\n"
-        "This package holds the C++ library (libquelworks.so.0) and the C\n"
+        "This package holds the C++ library (libquelworks.so.${PROJECT_VERSION_MAJOR}) and the C\n"
         "interface (libquelworks_c.so.${QW_C_VERSION_MAJOR}).")
 
     set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libquelworks-dev)

@@ -42,7 +42,8 @@ elif command -v sudo >/dev/null 2>&1; then
 else
     fail "installing packages needs root or sudo"
 fi
-packages=(libquelworks0 libquelworks-dev quelworks-tools)
+packages=()
+for d in "${debs[@]}"; do packages+=("$(dpkg-deb -f "$d" Package)"); done
 for p in "${packages[@]}"; do
     if dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'installed'; then
         fail "$p is already installed here; purge it first (dpkg --purge $p)"
