@@ -32,7 +32,14 @@ lean=(-G Ninja -DCMAKE_BUILD_TYPE=Release -DQUELWORKS_BUILD_TESTS=OFF -DQUELWORK
 
 if want deb; then
     echo "=== Debian packages ==="
-    cmake -S . -B build/package "${lean[@]}" -DCMAKE_INSTALL_PREFIX=/usr >/dev/null
+    # Debian's hardening flags: stack protector, checked libc calls, read-only relocations bound
+    # at start-up.
+    flags() { DEB_BUILD_MAINT_OPTIONS=hardening=+all dpkg-buildflags --get "$1"; }
+    cmake -S . -B build/package "${lean[@]}" -DCMAKE_INSTALL_PREFIX=/usr \
+        -DCMAKE_C_FLAGS="$(flags CFLAGS) $(flags CPPFLAGS)" \
+        -DCMAKE_CXX_FLAGS="$(flags CXXFLAGS) $(flags CPPFLAGS)" \
+        -DCMAKE_EXE_LINKER_FLAGS="$(flags LDFLAGS)" -DCMAKE_SHARED_LINKER_FLAGS="$(flags LDFLAGS)" \
+        >/dev/null
     cmake --build build/package -j "$jobs"
     rm -rf build/package/packages
     (cd build/package && cpack -G DEB)
