@@ -45,7 +45,7 @@ fi
 packages=()
 for d in "${debs[@]}"; do packages+=("$(dpkg-deb -f "$d" Package)"); done
 for p in "${packages[@]}"; do
-    if dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'installed'; then
+    if dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed'; then
         fail "$p is already installed here; purge it first (dpkg --purge $p)"
     fi
 done
@@ -61,7 +61,7 @@ step "use the system's copy"
 [ "$(quelworks --version)" = "quelworks $version" ] || fail "quelworks --version: $(quelworks --version)"
 [ "$(quelworks-devsim --version)" = "quelworks-devsim $version" ] || fail "quelworks-devsim --version"
 quelworks-devsim --help >/dev/null
-ldd /usr/bin/quelworks | grep -qE "libquelworks.so.0 => /(usr/)?lib/" || fail "quelworks does not use the system's library"
+ldd /usr/bin/quelworks | grep -E "libquelworks.so.[0-9]+ => /(usr/)?lib/" >/dev/null || fail "quelworks does not use the system's library"
 rm -rf "$work/consumer"
 cmake -S tests/consumer -B "$work/consumer" -G Ninja >/dev/null
 grep -q '^quelworks_DIR:PATH=/usr/lib/' "$work/consumer/CMakeCache.txt" ||
