@@ -8,6 +8,8 @@ packages=(
     cmake ninja-build g++ clang clang-format libclang-rt-dev
     googletest libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev
     python3 python3-pytest python3-numpy
+    # Releases: packages (cpack, dpkg-shlibdeps, lintian), pkg-config, the API reference.
+    dpkg-dev file lintian pkgconf unzip doxygen
 )
 if [ "${1:-}" = "--windows" ]; then
     # lld: links a program the way Visual Studio does, against quelworks_c.lib.

@@ -9,19 +9,21 @@
 #   python   the Python package's tests (pytest) against the dev build and the simulated device
 #   dotnet   the C# package built with Mono, its tests against the dev build and the simulated device
 #   windows  mingw-w64 cross-build of the DLL and the tests, run under Wine in a private prefix
+#   docs     the API reference (Doxygen); any warning or undocumented public name fails
+#   package  the .deb files and the Windows zip: installed, used and removed (scripts/check-packages.sh)
 # Choose stages with QW_STAGES="dev asan" (default: all); QW_FUZZ_SECONDS sets the fuzzing time
 # per harness (default 20).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-stages=${QW_STAGES:-"format dev asan tsan fuzz consumer python dotnet windows"}
+stages=${QW_STAGES:-"format dev asan tsan fuzz consumer python dotnet windows docs package"}
 fuzz_seconds=${QW_FUZZ_SECONDS:-20}
 jobs=${QW_JOBS:-$(nproc)}
 
 step() { printf '\n=== %s ===\n' "$*"; }
 has() { [[ " $stages " == *" $1 "* ]]; }
 
-if has windows; then
+if has windows || has package; then
     bash scripts/install-deps.sh --windows
 else
     bash scripts/install-deps.sh
@@ -106,6 +108,11 @@ if has consumer; then
     LD_LIBRARY_PATH="$prefix/lib:$prefix/lib64${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH}" build/consumer/consumer
     LD_LIBRARY_PATH="$prefix/lib:$prefix/lib64${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH}" build/consumer/consumer_c
     # The installed programs find the installed library by their own run path.
+    # The same programs built with nothing but pkg-config.
+    PKG_CONFIG_PATH="$prefix/lib/pkgconfig:$prefix/lib64/pkgconfig" \
+        bash tests/consumer/build-with-pkg-config.sh build/consumer-pc
+    LD_LIBRARY_PATH="$prefix/lib:$prefix/lib64${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH}" build/consumer-pc/consumer_pc
+    LD_LIBRARY_PATH="$prefix/lib:$prefix/lib64${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH}" build/consumer-pc/consumer_c_pc
     env -u LD_LIBRARY_PATH "$prefix/bin/quelworks" --version
     env -u LD_LIBRARY_PATH "$prefix/bin/quelworks" ports >/dev/null
     devsim_out=$(mktemp)
@@ -176,6 +183,17 @@ if has windows; then
     run_ctest --preset mingw -j "$jobs"
     qw_wine_stop
     trap - EXIT
+fi
+
+if has docs; then
+    step "docs: API reference"
+    cmake --preset dev >/dev/null
+    cmake --build --preset dev --target docs
+fi
+
+if has package; then
+    step "package: Debian packages and Windows zip"
+    bash scripts/check-packages.sh
 fi
 
 rm -f "$ctest_log"

@@ -1,4 +1,5 @@
-// The whole public interface of quelworks in one include.
+/// \file
+/// The whole public interface of quelworks in one include.
 #ifndef QUELWORKS_QUELWORKS_H
 #define QUELWORKS_QUELWORKS_H
 

@@ -1,7 +1,8 @@
-// RList: the library's singly linked list with a stable, relinking merge sort.
-//
-// The list owns its nodes but never what pointer elements point to: freeing an RList<char*> leaves
-// the strings allocated (they belong to whoever filled the list).
+/// \file
+/// RList: the library's singly linked list with a stable, relinking merge sort.
+///
+/// The list owns its nodes but never what pointer elements point to: freeing an RList<char*> leaves
+/// the strings allocated (they belong to whoever filled the list).
 #ifndef QUELWORKS_UTIL_RLIST_H
 #define QUELWORKS_UTIL_RLIST_H
 
@@ -17,67 +18,77 @@
 #endif
 
 template <typename T>
+/// One element of an RList and the link to the next (null at the rear).
 struct Node {
-    T data;
-    Node<T>* pNext;
+    T data;          ///< the element
+    Node<T>* pNext;  ///< the next node, or null
 };
 
 template <typename T>
+/// Forward iterator over an RList's nodes; end() is the null node.
 class Iter {
 public:
-    Node<T>* pNode;
+    Node<T>* pNode;  ///< the current node (null at the end)
 
+    /// The end iterator.
     Iter() : pNode(nullptr) {}
+    /// An iterator at node.
     explicit Iter(Node<T>* node) : pNode(node) {}
 
+    /// The current element.
     T& operator*() const { return pNode->data; }
+    /// The current element's address.
     T* operator->() const { return &pNode->data; }
+    /// Steps to the next node.
     Iter& operator++() {
         pNode = pNode->pNext;
         return *this;
     }
+    /// Steps to the next node and returns the old position.
     Iter operator++(int) {
         Iter old = *this;
         pNode = pNode->pNext;
         return old;
     }
+    /// Whether both are at the same node.
     bool operator==(const Iter& other) const { return pNode == other.pNode; }
+    /// Whether they are at different nodes.
     bool operator!=(const Iter& other) const { return pNode != other.pNode; }
 };
 
-// A sort key for ranking the elements of another list: `index` is the element's position there.
+/// A sort key for ranking the elements of another list: `index` is the element's position there.
 struct SortObject {
-    std::int32_t index;
-    float distance;
+    std::int32_t index;  ///< the element's position in the other list
+    float distance;      ///< the key to sort by
 };
 
-// Three-way comparator: -1 when left comes before right, 0 when equal, anything else otherwise.
+/// Three-way comparator: -1 when left comes before right, 0 when equal, anything else otherwise.
 template <typename T>
 struct CompareStruct {
-    std::int32_t (*compare)(T left, T right);
+    std::int32_t (*compare)(T left, T right);  ///< the comparator
 };
 
 namespace quelworks::detail {
 
-// The merge sort behind RList::msort and RList::merge_sort.
-//
-// It splits and merges exactly as the plain recursive merge sort does (first part n - n/2 nodes,
-// the first part sorted before the second, equal elements taken from the first part, the
-// comparator asked a second time when its first answer is not -1), so a comparator sees the same
-// calls in the same order. It is faster in three ways:
-//  - runs are taken off the front of the chain as the recursion reaches them, so no chain is ever
-//    walked to find a split point, and every merge knows its last node, so neither is the result
-//    walked to find the rear;
-//  - the merge of short runs links a node only when it switches from one run to the other (within
-//    a stretch taken from one run the nodes are linked already); every merge prefetches each
-//    run's next node as soon as its head is known;
-//  - beyond the caches, where each step would wait for a node to come from memory, the merge
-//    fetches ahead: every run of at least kLongRun nodes comes with marks, nodes at known
-//    positions along it, and while two such runs are merged a set of walkers steps through the
-//    stretches just ahead of the merge, from mark to mark, prefetching each node one step before
-//    reading its link. The walkers only read links, so nothing changes but the speed.
-// Nothing is allocated: the marks live on the stack (12 KB for each level of long runs, so about
-// 70 KB for a million nodes).
+/// The merge sort behind RList::msort and RList::merge_sort.
+///
+/// It splits and merges exactly as the plain recursive merge sort does (first part n - n/2 nodes,
+/// the first part sorted before the second, equal elements taken from the first part, the
+/// comparator asked a second time when its first answer is not -1), so a comparator sees the same
+/// calls in the same order. It is faster in three ways:
+///  - runs are taken off the front of the chain as the recursion reaches them, so no chain is ever
+///    walked to find a split point, and every merge knows its last node, so neither is the result
+///    walked to find the rear;
+///  - the merge of short runs links a node only when it switches from one run to the other (within
+///    a stretch taken from one run the nodes are linked already); every merge prefetches each
+///    run's next node as soon as its head is known;
+///  - beyond the caches, where each step would wait for a node to come from memory, the merge
+///    fetches ahead: every run of at least kLongRun nodes comes with marks, nodes at known
+///    positions along it, and while two such runs are merged a set of walkers steps through the
+///    stretches just ahead of the merge, from mark to mark, prefetching each node one step before
+///    reading its link. The walkers only read links, so nothing changes but the speed.
+/// Nothing is allocated: the marks live on the stack (12 KB for each level of long runs, so about
+/// 70 KB for a million nodes).
 template <typename T>
 class ListSort {
 public:
@@ -88,17 +99,17 @@ public:
         Node<T>* tail;
     };
 
-    // Sorts the next n nodes (n >= 1) of the chain at `head`, leaves `head` at the node after
-    // them and returns the sorted, null-terminated run.
+    /// Sorts the next n nodes (n >= 1) of the chain at `head`, leaves `head` at the node after
+    /// them and returns the sorted, null-terminated run.
     static Run sort(Node<T>*& head, int n, CompareFn compare) {
         return n >= 2 * kLongRun ? sortLong(head, n, compare, nullptr)
                                  : sortShort(head, n, compare);
     }
 
-    // Merges two non-empty, null-terminated sorted runs.
+    /// Merges two non-empty, null-terminated sorted runs.
     static Run merge(Run left, Run right, CompareFn compare);
 
-    // Takes the node of `a` when the comparator answers -1 or, asked a second time, 0.
+    /// Takes the node of `a` when the comparator answers -1 or, asked a second time, 0.
     static bool takeLeft(const Node<T>* a, const Node<T>* b, CompareFn compare) {
         return compare(a->data, b->data) == -1 || compare(a->data, b->data) == 0;
     }
@@ -109,7 +120,7 @@ private:
     static constexpr int kMinSpacing = 128;   // nodes between marks, at least
     static constexpr int kWalkers = 12;       // per run being merged
 
-    // Nodes of a run at known positions (ascending, the first at 0).
+    /// Nodes of a run at known positions (ascending, the first at 0).
     struct Marks {
         Node<T>* node[kMaxMarks];
         int position[kMaxMarks];
@@ -128,7 +139,7 @@ private:
         return spacing < kMinSpacing ? kMinSpacing : spacing;
     }
 
-    // One run being merged: how much of it the merge has taken, and the walkers ahead of that.
+    /// One run being merged: how much of it the merge has taken, and the walkers ahead of that.
     struct Ahead {
         struct Walker {
             Node<T>* node;  // null when idle
@@ -143,9 +154,9 @@ private:
 
         Ahead(const Marks* m, int n) : marks(m), length(n) {}
 
-        // One step of walker w: read the link of the node prefetched on its last step and
-        // prefetch the node it leads to; an idle walker takes the next stretch, as long as that is
-        // at most kWalkers stretches ahead of the merge.
+        /// One step of walker w: read the link of the node prefetched on its last step and
+        /// prefetch the node it leads to; an idle walker takes the next stretch, as long as that is
+        /// at most kWalkers stretches ahead of the merge.
         void step(int w) {
             Walker& k = walker[w];
             if (k.node != nullptr) {
@@ -191,12 +202,12 @@ private:
         return merge(left, right, compare);
     }
 
-    // Like sortShort, for n >= kLongRun; fills `marks` for the result when asked.
+    /// Like sortShort, for n >= kLongRun; fills `marks` for the result when asked.
     static Run sortLong(Node<T>*& head, int n, CompareFn compare, Marks* marks) {
         if (n < 2 * kLongRun) {
             const Run run = sortShort(head, n, compare);
             if (marks != nullptr) {
-                // Walk the run while it is still in the cache.
+                /// Walk the run while it is still in the cache.
                 marks->count = 0;
                 const int spacing = spacingFor(n);
                 Node<T>* p = run.head;
@@ -217,8 +228,8 @@ private:
     static Run mergeLong(Run left, const Marks& leftMarks, int leftLength, Run right,
                          const Marks& rightMarks, int rightLength, CompareFn compare, Marks* marks);
 
-    // Marks for the rest of a run that the merge appends whole: the run's own marks past what
-    // the merge took, moved to the output's positions.
+    /// Marks for the rest of a run that the merge appends whole: the run's own marks past what
+    /// the merge took, moved to the output's positions.
     static void addRest(Marks* out, const Ahead& side, int outPosition) {
         if (out == nullptr) return;
         for (int m = 0; m < side.marks->count; ++m) {
@@ -349,29 +360,41 @@ typename ListSort<T>::Run ListSort<T>::mergeLong(Run left, const Marks& leftMark
 }  // namespace quelworks::detail
 
 template <typename T>
+/// A singly linked list owning its nodes (not what pointer elements point to), with a stable
+/// merge sort. Its fields are public and may be relinked by the caller.
 class RList {
 public:
-    Node<T>* pFront;
-    Node<T>* pRear;
-    std::int32_t count;
-    // 1 after construction, free() and msort(); 0 after push_back(). The list never reads it.
+    Node<T>* pFront;     ///< the first node, or null
+    Node<T>* pRear;      ///< the last node, or null
+    std::int32_t count;  ///< the number of nodes
+    /// 1 after construction, free() and msort(); 0 after push_back(). The list never reads it.
     bool sorted;
 
+    /// An empty list.
     RList();
+    /// A deep copy: new nodes holding the same elements.
     RList(const RList& other);
-    // Deep copy, so that assigning one list to another never shares (and double-frees) nodes.
+    /// Deep copy, so that assigning one list to another never shares (and double-frees) nodes.
     RList& operator=(const RList& other);
+    /// Frees the nodes (not what pointer elements point to).
     ~RList();
 
+    /// Appends value at the rear.
     void push_back(T value);
-    // Walks from the front on every call; i <= 0 gives the first element. No bounds check.
+    /// Walks from the front on every call; i <= 0 gives the first element. No bounds check.
     T& operator[](int i);
+    /// The number of elements (count).
     std::int32_t length() const;
+    /// An iterator at the first element.
     Iter<T> begin();
+    /// The end iterator.
     Iter<T> end();
+    /// Frees every node and empties the list; pointer elements' targets stay allocated.
     void free();
     void msort(CompareStruct<T> cmp);
+    /// Makes node the front and walks from it to set the rear (count is not changed).
     void set_pFront_pRear(Node<T>* node);
+    /// Walks from the front to set the rear (count is not changed).
     void update_pRear();
 
 private:
@@ -465,7 +488,7 @@ void RList<T>::msort(CompareStruct<T> cmp) {
         pFront = run.head;
         pRear = run.tail;
         if (rest != nullptr) {
-            // More nodes than `count` (a client edited the links): keep them, behind the run.
+            /// More nodes than `count` (a client edited the links): keep them, behind the run.
             run.tail->pNext = rest;
             update_pRear();
         }
