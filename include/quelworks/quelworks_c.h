@@ -452,7 +452,7 @@ QW_C_API qw_status QW_CALL qw_geo_transform_many(const qw_calibration_point* cal
                                                  int32_t calibration_count, const qw_point* camera,
                                                  int32_t count, qw_point* device);
 
-/* A prepared camera-to-device transformation (area "transform", part of the geometry): built
+/** A prepared camera-to-device transformation (area "transform", part of the geometry): built
  * once from the calibration points, it maps each point to exactly the same bits as
  * qw_geo_transform, at a fraction of the cost (a handful of distance computations per point
  * instead of a pass over all calibration points and a sort). The handle is immutable after
@@ -460,19 +460,19 @@ QW_C_API qw_status QW_CALL qw_geo_transform_many(const qw_calibration_point* cal
  * threads at the same time. */
 typedef struct qw_transform qw_transform;
 
-/* Prepares the transformation for `calibration_count` points (copied; exactly three, or a k x k
+/** Prepares the transformation for `calibration_count` points (copied; exactly three, or a k x k
  * grid listed row by row). Any other count is accepted and maps every point to (0, 0), as
  * qw_geo_transform does; *usable (if not NULL) says 1 for a usable count, 0 otherwise. */
 QW_C_API qw_status QW_CALL qw_transform_prepare(const qw_calibration_point* calibration,
                                                 int32_t calibration_count, qw_transform** transform,
                                                 int32_t* usable);
-/* Maps camera position (x, y) to *device. */
+/** Maps camera position (x, y) to *device. */
 QW_C_API qw_status QW_CALL qw_transform_map(qw_transform* transform, float x, float y,
                                             qw_point* device);
-/* Maps `count` points: device[i] for camera[i]; device may be the same array as camera. */
+/** Maps `count` points: device[i] for camera[i]; device may be the same array as camera. */
 QW_C_API qw_status QW_CALL qw_transform_map_many(qw_transform* transform, const qw_point* camera,
                                                  int32_t count, qw_point* device);
-/* Releases the transformation; NULL is accepted. */
+/** Releases the transformation; NULL is accepted. */
 QW_C_API qw_status QW_CALL qw_transform_free(qw_transform* transform);
 
 /* ---- INI files ------------------------------------------------------------------------- */
