@@ -6,7 +6,9 @@
 #include <limits>
 #include <stdexcept>
 
+#include "geometry/edge_buckets.h"
 #include "geometry/float_to_int.h"
+#include "geometry/geometry_limits.h"
 #include "geometry/polygon_edge.h"
 #include "geometry/polygon_internal.h"
 
@@ -14,11 +16,6 @@ namespace quelworks {
 namespace detail {
 
 namespace {
-
-// Keeps the band lists within a few entries per edge on average: long edges are listed in every
-// band they span, so many long edges call for fewer bands.
-constexpr double kEntriesPerEdge = 64.0;
-constexpr std::size_t kMaxBands = 1u << 16;
 
 // Widening conversions to float, so that an interval only grows.
 float floatAtMost(double v) {
@@ -87,32 +84,14 @@ PolygonIndex::PolygonIndex(const std::vector<pointf>& polygon) : points_(polygon
             spanSum += (b - a) / (hi - lo);
         }
     }
-    bandOrigin_ = lo;
-    bandCount_ = 1;
-    if (hi > lo && crossingEdges > 0) {
-        double bands = static_cast<double>(crossingEdges);
-        if (spanSum > 0.0) bands = std::min(bands, kEntriesPerEdge * crossingEdges / spanSum);
-        bandCount_ = static_cast<std::size_t>(std::max(1.0, std::min(bands, double(kMaxBands))));
-        bandScale_ = static_cast<double>(bandCount_) / (hi - lo);
-    }
-
-    // Count, then fill, the band lists (compressed rows).
-    std::vector<std::uint32_t> counts(bandCount_ + 1, 0);
-    auto forEachBand = [&](auto&& visit) {
+    bands_.build(lo, hi, crossingEdges, spanSum, [&](auto&& visit) {
         for (std::size_t i = 0; i + 1 < n; ++i) {
             const float ay = points_[i].y;
             const float by = points_[i + 1].y;
             if (std::isnan(ay) || std::isnan(by) || ay == by) continue;
-            const std::size_t first = bandOf(std::min(ay, by));
-            const std::size_t last = bandOf(std::max(ay, by));
-            for (std::size_t b = first; b <= last; ++b) visit(b, static_cast<std::uint32_t>(i));
+            visit(static_cast<std::uint32_t>(i), std::min(ay, by), std::max(ay, by));
         }
-    };
-    forEachBand([&](std::size_t b, std::uint32_t) { ++counts[b + 1]; });
-    for (std::size_t b = 0; b < bandCount_; ++b) counts[b + 1] += counts[b];
-    bandStart_ = counts;
-    bandEdges_.resize(counts[bandCount_]);
-    forEachBand([&](std::size_t b, std::uint32_t e) { bandEdges_[counts[b]++] = e; });
+    });
 
     buildSlabs();
 }
@@ -130,8 +109,8 @@ void PolygonIndex::buildSlabs() {
     // (those within one unit of the bounding box). Rounding in a cross product stays below
     // 2^-21 D^2, and |cross product| < 2 D^2 < 2^31.
     const double D = std::max(double(maxX_) - minX_, double(maxY_) - minY_) + 2.0;
-    if (D > 30000.0) return;
-    const double rounding = D * D / 1048576.0;  // 2^-20 D^2, twice the bound
+    if (D > kSlabMaxExtent) return;
+    const double rounding = D * D / kRoundingDivisor;
 
     slabY_.clear();
     for (const pointf& p : points_) slabY_.push_back(p.y);
@@ -156,7 +135,7 @@ void PolygonIndex::buildSlabs() {
         slabRange(std::min(a.y, b.y), std::max(a.y, b.y), first, last);
         total += last - first;
     }
-    if (total > 4000000 + 64 * n) return;
+    if (!listedEntriesAffordable(total, n)) return;
 
     struct Entry {
         float lo, hi;
@@ -264,7 +243,8 @@ int PolygonIndex::slabContains(pointf q) const {
         // rounding and of the int range.
         const double dist = q.x < minX_ ? double(minX_) - q.x : double(q.x) - maxX_;
         const double d = slabExtent_ + dist;
-        if (d > 30000.0 || slabMinRise_[s] * dist < 2.0 + d * d / 1048576.0) return -1;
+        if (d > kSlabMaxExtent || slabMinRise_[s] * dist < 2.0 + d * d / kRoundingDivisor)
+            return -1;
         const unsigned listed = (q.x < minX_ && ((end - begin) & 1u)) ? 3u : 0u;
         return (listed ^ exactPart) != 0 ? 1 : 0;
     }
@@ -277,15 +257,6 @@ int PolygonIndex::slabContains(pointf q) const {
         if (slabHi_[i - 1] >= q.x) parity ^= exactParity(slabEdge_[i - 1], q);
     }
     return (parity ^ exactPart) != 0 ? 1 : 0;
-}
-
-std::size_t PolygonIndex::bandOf(float y) const {
-    // Monotone in y, so an edge listed from the band of its lower end to the band of its upper
-    // end is found from every row in between.
-    const double t = (static_cast<double>(y) - bandOrigin_) * bandScale_;
-    if (!(t > 0.0)) return 0;
-    if (t >= static_cast<double>(bandCount_)) return bandCount_ - 1;
-    return static_cast<std::size_t>(t);
 }
 
 void PolygonIndex::gatherRow(float qy, PolygonScratch& s) const {
@@ -318,8 +289,8 @@ void PolygonIndex::gatherRow(float qy, PolygonScratch& s) const {
         s.leftMask.push_back(crossesBelow);
         s.leftFlip.push_back(!(den <= 0));
     };
-    const std::size_t band = bandOf(qy);
-    for (std::uint32_t k = bandStart_[band]; k < bandStart_[band + 1]; ++k) consider(bandEdges_[k]);
+    const std::size_t band = bands_.bucketOf(qy);
+    for (const std::uint32_t* k = bands_.begin(band); k != bands_.end(band); ++k) consider(*k);
     for (std::uint32_t e : alwaysEdges_) consider(e);
 
     auto range = std::equal_range(vertexByY_.begin(), vertexByY_.end(), pointf(0.0f, qy),

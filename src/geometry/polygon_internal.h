@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "geometry/edge_buckets.h"
 #include "quelworks/export.h"
 #include "quelworks/geometry/shapes.h"
 #include "quelworks/geometry/vector2f.h"
@@ -58,7 +59,6 @@ public:
 
 private:
     void gatherRow(float qy, PolygonScratch& scratch) const;
-    std::size_t bandOf(float y) const;
     void buildSlabs();
     // The containment of a point strictly inside a slab, or -1 when the slabs cannot decide it.
     int slabContains(pointf q) const;
@@ -68,14 +68,10 @@ private:
     int slabRowUniform(float qy, float xFirst, float xLast) const;
 
     std::vector<pointf> points_;
-    // Edges (index of their first vertex) listed per band of y, in compressed rows.
-    std::vector<std::uint32_t> bandStart_;
-    std::vector<std::uint32_t> bandEdges_;
+    // Edges (index of their first vertex) listed per band of y.
+    EdgeBuckets bands_;
     // Edges with a NaN y: looked at on every row.
     std::vector<std::uint32_t> alwaysEdges_;
-    double bandOrigin_ = 0.0;
-    double bandScale_ = 0.0;
-    std::size_t bandCount_ = 1;
     // (y, x) of the vertices that can be hit exactly (all but the last), sorted by y.
     std::vector<pointf> vertexByY_;
     // The y range of all vertices, for skipping rows that cannot be inside.
@@ -89,7 +85,7 @@ private:
     // both crossing counts, one far enough left adds nothing. So a point needs a binary search
     // for the count of edges right of it, and the exact test only for the edges near it.
     // Used when every coordinate is finite and the polygon is small enough (under 30000 units a
-    // side) that no cross product can leave the int range.
+    // side, kSlabMaxExtent) that no cross product can leave the int range.
     bool slabsUsable_ = false;
     float minX_ = 0.0f;
     float maxX_ = 0.0f;
