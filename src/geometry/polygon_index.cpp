@@ -1,8 +1,10 @@
 // A polygon prepared for many containment tests (the rectangle cover's inside test).
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <limits>
 #include <stdexcept>
 
@@ -16,6 +18,8 @@ namespace quelworks {
 namespace detail {
 
 namespace {
+
+std::atomic<std::uint64_t> nextIndexId{0};
 
 // Widening conversions to float, so that an interval only grows.
 float floatAtMost(double v) {
@@ -31,7 +35,8 @@ float floatAtLeast(double v) {
 
 }  // namespace
 
-PolygonIndex::PolygonIndex(const std::vector<pointf>& polygon) : points_(polygon) {
+PolygonIndex::PolygonIndex(const std::vector<pointf>& polygon)
+    : id_(nextIndexId.fetch_add(1) + 1), points_(polygon) {
     const std::size_t n = points_.size();
     if (n == 0) return;
 
@@ -259,7 +264,16 @@ int PolygonIndex::slabContains(pointf q) const {
     return (parity ^ exactPart) != 0 ? 1 : 0;
 }
 
-void PolygonIndex::gatherRow(float qy, PolygonScratch& s) const {
+const GatheredRow& PolygonIndex::gatherRow(float qy, PolygonScratch& scratch) const {
+    std::uint32_t bits;
+    std::memcpy(&bits, &qy, sizeof bits);
+    for (const GatheredRow& row : scratch.rows) {
+        if (row.owner == id_ && row.yBits == bits) return row;
+    }
+    GatheredRow& s = scratch.rows[scratch.nextRow];
+    scratch.nextRow = (scratch.nextRow + 1) % PolygonScratch::kCachedRows;
+    s.owner = id_;
+    s.yBits = bits;
     s.ax.clear();
     s.bx.clear();
     s.ay.clear();
@@ -269,7 +283,7 @@ void PolygonIndex::gatherRow(float qy, PolygonScratch& s) const {
     s.leftMask.clear();
     s.leftFlip.clear();
     s.vertexX.clear();
-    if (std::isnan(qy)) return;  // no edge crosses a NaN row and no vertex equals it
+    if (std::isnan(qy)) return s;  // no edge crosses a NaN row and no vertex equals it
 
     auto consider = [&](std::uint32_t e) {
         const pointf a = points_[e];
@@ -296,13 +310,14 @@ void PolygonIndex::gatherRow(float qy, PolygonScratch& s) const {
     auto range = std::equal_range(vertexByY_.begin(), vertexByY_.end(), pointf(0.0f, qy),
                                   [](const pointf& a, const pointf& b) { return a.y < b.y; });
     for (auto it = range.first; it != range.second; ++it) s.vertexX.push_back(it->x);
+    return s;
 }
 
-bool PolygonIndex::contains(pointf q, PolygonScratch& s) const {
+bool PolygonIndex::contains(pointf q, PolygonScratch& scratch) const {
     if (points_.empty()) throw std::out_of_range("IsPointInPolygon: the polygon has no vertices");
     const int bySlab = slabContains(q);
     if (bySlab >= 0) return bySlab != 0;
-    gatherRow(q.y, s);
+    const GatheredRow& s = gatherRow(q.y, scratch);
     for (float x : s.vertexX) {
         if (x == q.x) return true;
     }
@@ -367,18 +382,18 @@ bool PolygonIndex::rectangleInside(const rectanglef& r, int tolerance, PolygonSc
             if (outside >= reject) return false;
             continue;
         }
-        gatherRow(qy, s);
+        const GatheredRow& row = gatherRow(qy, s);
         std::fill(parity, parity + count, std::uint8_t(0));
-        const std::size_t k = s.ax.size();
+        const std::size_t k = row.ax.size();
         for (std::size_t e = 0; e < k; ++e) {
-            const float ax = s.ax[e];
-            const float bx = s.bx[e];
-            const float ay = s.ay[e];
-            const float by = s.by[e];
-            const std::uint8_t rm = s.rightMask[e];
-            const std::uint8_t rf = s.rightFlip[e];
-            const std::uint8_t lm = s.leftMask[e];
-            const std::uint8_t lf = s.leftFlip[e];
+            const float ax = row.ax[e];
+            const float bx = row.bx[e];
+            const float ay = row.ay[e];
+            const float by = row.by[e];
+            const std::uint8_t rm = row.rightMask[e];
+            const std::uint8_t rf = row.rightFlip[e];
+            const std::uint8_t lm = row.leftMask[e];
+            const std::uint8_t lf = row.leftFlip[e];
             for (std::size_t i = 0; i < count; ++i) {
                 const float v = (ax - xs[i]) * by - ay * (bx - xs[i]);
                 const std::uint8_t pos = truncatesPositive(v);
@@ -387,7 +402,7 @@ bool PolygonIndex::rectangleInside(const rectanglef& r, int tolerance, PolygonSc
                     static_cast<std::uint8_t>((rm & (pos ^ rf)) | ((lm & (neg ^ lf)) << 1));
             }
         }
-        for (float vx : s.vertexX) {
+        for (float vx : row.vertexX) {
             for (std::size_t i = 0; i < count; ++i) {
                 if (xs[i] == vx) parity[i] = 1;
             }

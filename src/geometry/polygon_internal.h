@@ -26,13 +26,24 @@ QUELWORKS_API void MergeRectangles(std::vector<rectanglef>& rects);
 // the merged rectangle computed from a, then b.
 QUELWORKS_API bool TryMergeRectangles(const rectanglef& a, const rectanglef& b, rectanglef& merged);
 
-// Work buffers for PolygonIndex queries; one per thread.
-struct PolygonScratch {
-    // The edges that cross one sample row, with their row-constant terms.
+// The edges that cross one sample row, with their row-constant terms.
+struct GatheredRow {
+    std::uint64_t owner = 0;  // the id of the index that gathered it; 0: empty slot
+    std::uint32_t yBits = 0;  // the row's y, bit for bit
     std::vector<float> ax, bx, by, ay;
     std::vector<std::uint8_t> rightMask, rightFlip, leftMask, leftFlip;
     // x of the vertices lying exactly on the row.
     std::vector<float> vertexX;
+};
+
+// Work buffers for PolygonIndex queries; one per thread.
+struct PolygonScratch {
+    // The last rows gathered: neighbouring rectangles of the cover share their rows (a
+    // rectangle's bottom corners and first sample row, the quarters of one rectangle), so most
+    // rows are gathered once instead of several times.
+    static constexpr unsigned kCachedRows = 4;
+    GatheredRow rows[kCachedRows];
+    unsigned nextRow = 0;
     // One sample row of a rectangle test.
     std::vector<float> xs;
     std::vector<std::uint8_t> parity;
@@ -58,7 +69,7 @@ public:
     bool rowsOutside(float y, float height) const;
 
 private:
-    void gatherRow(float qy, PolygonScratch& scratch) const;
+    const GatheredRow& gatherRow(float qy, PolygonScratch& scratch) const;
     void buildSlabs();
     // The containment of a point strictly inside a slab, or -1 when the slabs cannot decide it.
     int slabContains(pointf q) const;
@@ -67,6 +78,8 @@ private:
     // (0), when the slabs can tell; -1 otherwise.
     int slabRowUniform(float qy, float xFirst, float xLast) const;
 
+    // Tells the rows this index gathered into a scratch from those of any other index.
+    std::uint64_t id_;
     std::vector<pointf> points_;
     // Edges (index of their first vertex) listed per band of y.
     EdgeBuckets bands_;
