@@ -8,6 +8,7 @@ packages=(
     cmake ninja-build g++ clang clang-format libclang-rt-dev
     googletest libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev
     python3 python3-pytest python3-numpy
+    librsvg2-bin
 )
 if [ "${1:-}" = "--windows" ]; then
     # lld: links a program the way Visual Studio does, against quelworks_c.lib.
