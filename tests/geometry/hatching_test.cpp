@@ -100,11 +100,16 @@ TEST(FragmentToLines, MatchesReferenceOnRandomOutlines) {
         ASSERT_TRUE(sameGroups(FragmentToLines(outline, spacing),
                                reference::FragmentToLines(outline, spacing)))
             << "round " << round;
-        // The containment used on the midpoints, also with odd vertex coordinates.
+        // The plain containment test and the outline index the hatching uses on the midpoints,
+        // also with odd vertex coordinates.
         if (round % 7 == 6) outline[0].x = oddValue(rng);
+        const quelworks::detail::OutlineIndex index(outline);
         for (int k = 0; k < 20; ++k) {
             const Vector2f q(k % 4 ? coord(rng) : std::round(coord(rng)), coord(rng));
-            ASSERT_EQ(IsPointInOutline(q, outline), reference::IsPointInOutline(q, outline))
+            const bool expected = reference::IsPointInOutline(q, outline);
+            ASSERT_EQ(IsPointInOutline(q, outline), expected)
+                << "round " << round << ": " << q.x << "," << q.y;
+            ASSERT_EQ(index.contains(q), expected)
                 << "round " << round << ": " << q.x << "," << q.y;
         }
     }
