@@ -274,38 +274,41 @@ const GatheredRow& PolygonIndex::gatherRow(float qy, PolygonScratch& scratch) co
     scratch.nextRow = (scratch.nextRow + 1) % PolygonScratch::kCachedRows;
     s.owner = id_;
     s.yBits = bits;
-    s.ax.clear();
-    s.bx.clear();
-    s.ay.clear();
-    s.by.clear();
-    s.rightMask.clear();
-    s.rightFlip.clear();
-    s.leftMask.clear();
-    s.leftFlip.clear();
+    s.count = 0;
     s.vertexX.clear();
     if (std::isnan(qy)) return s;  // no edge crosses a NaN row and no vertex equals it
 
+    const std::size_t band = bands_.bucketOf(qy);
+    const std::size_t most =
+        static_cast<std::size_t>(bands_.end(band) - bands_.begin(band)) + alwaysEdges_.size();
+    if (s.ax.size() < most) {
+        for (auto* v : {&s.ax, &s.bx, &s.ay, &s.by}) v->resize(most);
+        for (auto* v : {&s.rightMask, &s.rightFlip, &s.leftMask, &s.leftFlip}) v->resize(most);
+    }
+    // Every edge is written at the next free place, which only advances for edges that cross
+    // the row: without a branch on the crossing, which follows no pattern along the band.
+    std::size_t k = 0;
     auto consider = [&](std::uint32_t e) {
         const pointf a = points_[e];
         const pointf b = points_[e + 1];
         const bool crossesAbove = (a.y > qy) != (b.y > qy);
         const bool crossesBelow = (a.y < qy) != (b.y < qy);
-        if (!crossesAbove && !crossesBelow) return;
         const int den = truncateToInt((b.y - qy) - (a.y - b.y));
-        s.ax.push_back(a.x);
-        s.bx.push_back(b.x);
-        s.ay.push_back(a.y - qy);
-        s.by.push_back(b.y - qy);
+        s.ax[k] = a.x;
+        s.bx[k] = b.x;
+        s.ay[k] = a.y - qy;
+        s.by[k] = b.y - qy;
         // A right crossing counts when (num > 0) == (den >= 0), a left one when
         // (num < 0) == (den <= 0); as parities: sign class XOR flip.
-        s.rightMask.push_back(crossesAbove);
-        s.rightFlip.push_back(!(den >= 0));
-        s.leftMask.push_back(crossesBelow);
-        s.leftFlip.push_back(!(den <= 0));
+        s.rightMask[k] = crossesAbove;
+        s.rightFlip[k] = !(den >= 0);
+        s.leftMask[k] = crossesBelow;
+        s.leftFlip[k] = !(den <= 0);
+        k += static_cast<std::size_t>(crossesAbove | crossesBelow);
     };
-    const std::size_t band = bands_.bucketOf(qy);
-    for (const std::uint32_t* k = bands_.begin(band); k != bands_.end(band); ++k) consider(*k);
+    for (const std::uint32_t* e = bands_.begin(band); e != bands_.end(band); ++e) consider(*e);
     for (std::uint32_t e : alwaysEdges_) consider(e);
+    s.count = k;
 
     auto range = std::equal_range(vertexByY_.begin(), vertexByY_.end(), pointf(0.0f, qy),
                                   [](const pointf& a, const pointf& b) { return a.y < b.y; });
@@ -322,7 +325,7 @@ bool PolygonIndex::contains(pointf q, PolygonScratch& scratch) const {
         if (x == q.x) return true;
     }
     unsigned parity = 0;
-    const std::size_t k = s.ax.size();
+    const std::size_t k = s.count;
     for (std::size_t e = 0; e < k; ++e) {
         const float v = (s.ax[e] - q.x) * s.by[e] - s.ay[e] * (s.bx[e] - q.x);
         parity ^=
@@ -384,7 +387,7 @@ bool PolygonIndex::rectangleInside(const rectanglef& r, int tolerance, PolygonSc
         }
         const GatheredRow& row = gatherRow(qy, s);
         std::fill(parity, parity + count, std::uint8_t(0));
-        const std::size_t k = row.ax.size();
+        const std::size_t k = row.count;
         for (std::size_t e = 0; e < k; ++e) {
             const float ax = row.ax[e];
             const float bx = row.bx[e];

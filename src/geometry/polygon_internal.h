@@ -30,6 +30,8 @@ QUELWORKS_API bool TryMergeRectangles(const rectanglef& a, const rectanglef& b, 
 struct GatheredRow {
     std::uint64_t owner = 0;  // the id of the index that gathered it; 0: empty slot
     std::uint32_t yBits = 0;  // the row's y, bit for bit
+    // The first `count` entries of the arrays below hold them (the arrays only grow).
+    std::size_t count = 0;
     std::vector<float> ax, bx, by, ay;
     std::vector<std::uint8_t> rightMask, rightFlip, leftMask, leftFlip;
     // x of the vertices lying exactly on the row.
