@@ -10,6 +10,8 @@ packages=(
     python3 python3-pytest python3-numpy
     # Releases: packages (cpack, dpkg-shlibdeps, lintian), pkg-config, the API reference.
     dpkg-dev file lintian pkgconf unzip doxygen
+    # Checks that large geometry pictures stay readable.
+    librsvg2-bin
 )
 if [ "${1:-}" = "--windows" ]; then
     # lld: links a program the way Visual Studio does, against quelworks_c.lib.

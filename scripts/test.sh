@@ -4,6 +4,8 @@
 #   dev      Debug build (warnings as errors), all tests
 #   asan     AddressSanitizer + UndefinedBehaviorSanitizer build, all tests
 #   tsan     ThreadSanitizer build, the tests labelled "threads"
+#   scalar   the plain loops that stand in for the SSE2 ones (QUELWORKS_FORCE_SCALAR), with the
+#            tests of the code that has both: containment, cover, hatching, INI reading, CRC
 #   fuzz     clang libFuzzer build: corpus replay, then each harness fuzzed for a bounded time
 #   consumer install the library and build a separate project against it with find_package
 #   python   the Python package's tests (pytest) against the dev build and the simulated device
@@ -16,7 +18,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-stages=${QW_STAGES:-"format dev asan tsan fuzz consumer python dotnet windows docs package"}
+stages=${QW_STAGES:-"format dev scalar asan tsan fuzz consumer python dotnet windows docs package"}
 fuzz_seconds=${QW_FUZZ_SECONDS:-20}
 jobs=${QW_JOBS:-$(nproc)}
 
@@ -74,6 +76,18 @@ if has format; then
 fi
 
 has dev && build_and_test dev
+if has scalar; then
+    step "build: scalar"
+    scalar_tests="qw_test_polygon qw_test_polygon_cover qw_test_ini qw_test_util"
+    cmake -S . -B build/scalar -G Ninja -DCMAKE_BUILD_TYPE=Debug -DQUELWORKS_WERROR=ON \
+        -DQUELWORKS_FORCE_SCALAR=ON -DQUELWORKS_BUILD_TOOLS=OFF -DQUELWORKS_BUILD_EXAMPLES=OFF \
+        -DQUELWORKS_BUILD_FUZZ=OFF >/dev/null
+    # shellcheck disable=SC2086
+    cmake --build build/scalar -j "$jobs" --target $scalar_tests
+    step "test: scalar"
+    run_ctest --test-dir build/scalar -j "$jobs" \
+        -R '^(IsPointInPolygon|BeginSpreadPolygon|FragmentToLines|OutlineIndex|Ini(Format|Query|Edit|Reference)|CrcCcitt)\.'
+fi
 has asan && build_and_test asan
 has tsan && build_and_test tsan -L threads
 

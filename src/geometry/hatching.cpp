@@ -11,6 +11,7 @@
 
 #include "geometry/float_to_int.h"
 #include "geometry/hatching_internal.h"
+#include "geometry/outline_index.h"
 #include "quelworks/geometry/polygon.h"
 
 using quelworks::detail::truncateToInt;
@@ -53,197 +54,6 @@ bool IntersectSegments(Vector2f a, Vector2f b, Vector2f c, Vector2f d, Vector2f&
 }
 
 namespace {
-
-// 32-bit two's complement arithmetic, wrapping instead of overflowing.
-inline int wrapSub(int a, int b) {
-    return static_cast<int>(static_cast<std::uint32_t>(a) - static_cast<std::uint32_t>(b));
-}
-inline int wrapMul(int a, int b) {
-    return static_cast<int>(static_cast<std::uint32_t>(a) * static_cast<std::uint32_t>(b));
-}
-
-// One outline edge on truncated coordinates, from `prev` to `cur`.
-struct OutlineEdge {
-    int curX, curY, prevX, prevY;
-};
-
-// Whether the edge flips the containment of q (qyT is trunc(q.y)).
-inline bool edgeFlips(const OutlineEdge& e, float qx, int qyT) {
-    if ((qx > static_cast<float>(e.curX)) != (static_cast<float>(e.prevX) >= qx)) return false;
-    int xA = e.prevX, yA = e.prevY, xB = e.curX, yB = e.curY;
-    if (e.curX < e.prevX) {
-        xA = e.curX;
-        yA = e.curY;
-        xB = e.prevX;
-        yB = e.prevY;
-    }
-    const int lhs = wrapMul(wrapSub(qyT, yA), wrapSub(xB, xA));
-    const int rhs = wrapMul(truncateToInt(qx - static_cast<float>(xA)), wrapSub(yB, yA));
-    return lhs < rhs;
-}
-
-std::vector<OutlineEdge> outlineEdges(const std::vector<Vector2f>& outline) {
-    std::vector<OutlineEdge> edges;
-    const std::size_t n = outline.size();
-    edges.reserve(n);
-    for (std::size_t i = 0; i < n; ++i) {
-        const Vector2f& cur = outline[i];
-        const Vector2f& prev = outline[i == 0 ? n - 1 : i - 1];
-        edges.push_back({truncateToInt(cur.x), truncateToInt(cur.y), truncateToInt(prev.x),
-                         truncateToInt(prev.y)});
-    }
-    return edges;
-}
-
-// The outline's edges listed per band of x, so that a containment test only looks at the edges
-// whose x range can hold the point. Flips commute, so the order of the edges does not matter.
-class OutlineIndex {
-public:
-    explicit OutlineIndex(const std::vector<Vector2f>& outline) : edges_(outlineEdges(outline)) {
-        if (edges_.size() < 3) return;
-        bool first = true;
-        for (const OutlineEdge& e : edges_) {
-            const float lo = static_cast<float>(std::min(e.curX, e.prevX));
-            const float hi = static_cast<float>(std::max(e.curX, e.prevX));
-            if (first || lo < lo_) lo_ = lo;
-            if (first || hi > hi_) hi_ = hi;
-            first = false;
-        }
-        if (hi_ > lo_) {
-            bandCount_ = std::min<std::size_t>(edges_.size(), 1u << 16);
-            scale_ = static_cast<double>(bandCount_) / (double(hi_) - double(lo_));
-        }
-        std::vector<std::uint32_t> counts(bandCount_ + 1, 0);
-        auto forEach = [&](auto&& visit) {
-            for (std::size_t i = 0; i < edges_.size(); ++i) {
-                const OutlineEdge& e = edges_[i];
-                if (e.curX == e.prevX) continue;  // its x range is empty
-                const std::size_t a = bandOf(static_cast<float>(std::min(e.curX, e.prevX)));
-                const std::size_t b = bandOf(static_cast<float>(std::max(e.curX, e.prevX)));
-                for (std::size_t k = a; k <= b; ++k) visit(k, static_cast<std::uint32_t>(i));
-            }
-        };
-        forEach([&](std::size_t k, std::uint32_t) { ++counts[k + 1]; });
-        for (std::size_t k = 0; k < bandCount_; ++k) counts[k + 1] += counts[k];
-        start_ = counts;
-        list_.resize(counts[bandCount_]);
-        forEach([&](std::size_t k, std::uint32_t i) { list_[counts[k]++] = i; });
-        buildColumns();
-    }
-
-    bool contains(Vector2f q) const {
-        if (edges_.size() < 3) return false;
-        const int qyT = truncateToInt(q.y);
-        const int byColumn = columnContains(q.x, qyT);
-        if (byColumn >= 0) return byColumn != 0;
-        bool inside = false;
-        if (std::isnan(q.x)) {
-            // Every range test passes for NaN; look at all edges.
-            for (const OutlineEdge& e : edges_) inside ^= edgeFlips(e, q.x, qyT);
-            return inside;
-        }
-        const std::size_t band = bandOf(q.x);
-        for (std::uint32_t k = start_[band]; k < start_[band + 1]; ++k) {
-            inside ^= edgeFlips(edges_[list_[k]], q.x, qyT);
-        }
-        return inside;
-    }
-
-private:
-    // Columns: when every truncated coordinate is small enough that no product in the test can
-    // leave the int range, the test of an edge is an exact integer inequality. For a point in
-    // the column (k, k + 1] between two ints, the edges whose x range holds it are fixed, and
-    // T = trunc(q.x - xA) is k - xA (or k + 1 - xA at q.x = k + 1), so each edge flips exactly
-    // when trunc(q.y) <= a threshold of its own: (Y - yA) w < T dy  <=>  Y w < yA w + T dy.
-    // Sorted thresholds answer a point with one binary search.
-    void buildColumns() {
-        constexpr int kLimit = 16383;
-        int minX = edges_[0].curX, maxX = minX;
-        for (const OutlineEdge& e : edges_) {
-            for (int v : {e.curX, e.curY, e.prevX, e.prevY}) {
-                if (v < -kLimit || v > kLimit) return;
-            }
-            minX = std::min(minX, e.curX);
-            maxX = std::max(maxX, e.curX);
-        }
-        std::size_t total = 0;
-        for (const OutlineEdge& e : edges_) total += std::abs(e.curX - e.prevX);
-        if (total > 4000000 + 64 * edges_.size() || maxX == minX) return;
-        columnMinX_ = minX;
-        const std::size_t columns = static_cast<std::size_t>(maxX - minX);
-        std::vector<std::vector<int>> inside(columns), atEnd(columns);
-        for (const OutlineEdge& e : edges_) {
-            if (e.curX == e.prevX) continue;
-            const bool curFirst = e.curX < e.prevX;
-            const long long xA = curFirst ? e.curX : e.prevX;
-            const long long yA = curFirst ? e.curY : e.prevY;
-            const long long w = (curFirst ? e.prevX : e.curX) - xA;
-            const long long dy = (curFirst ? e.prevY : e.curY) - yA;
-            for (long long k = xA; k < xA + w; ++k) {
-                const std::size_t column = static_cast<std::size_t>(k - minX);
-                inside[column].push_back(floorDiv(yA * w + (k - xA) * dy - 1, w));
-                atEnd[column].push_back(floorDiv(yA * w + (k + 1 - xA) * dy - 1, w));
-            }
-        }
-        columnStart_.assign(1, 0);
-        for (std::size_t c = 0; c < columns; ++c) {
-            std::sort(inside[c].begin(), inside[c].end());
-            std::sort(atEnd[c].begin(), atEnd[c].end());
-            columnInside_.insert(columnInside_.end(), inside[c].begin(), inside[c].end());
-            columnAtEnd_.insert(columnAtEnd_.end(), atEnd[c].begin(), atEnd[c].end());
-            columnStart_.push_back(static_cast<std::uint32_t>(columnInside_.size()));
-        }
-        columnsUsable_ = true;
-    }
-
-    static int floorDiv(long long a, long long b) {  // b > 0
-        long long q = a / b;
-        if (a % b != 0 && a < 0) --q;
-        return static_cast<int>(q);
-    }
-
-    // The containment by columns, or -1 when they cannot decide it.
-    int columnContains(float qx, int qyT) const {
-        if (!columnsUsable_ || !(qyT >= -16383 && qyT <= 16383) || std::isnan(qx)) return -1;
-        const float first = static_cast<float>(columnMinX_);
-        const float last =
-            static_cast<float>(columnMinX_ + static_cast<int>(columnStart_.size()) - 1);
-        if (!(qx > first && qx <= last)) return 0;          // no edge's x range holds q.x
-        const int k = static_cast<int>(std::ceil(qx)) - 1;  // q.x lies in (k, k + 1]
-        const std::vector<int>* thresholds = &columnInside_;
-        if (qx == static_cast<float>(k + 1)) {
-            thresholds = &columnAtEnd_;
-        } else if (static_cast<float>(k + 1) - qx < 0.00390625f) {
-            // So close to k + 1 that q.x - xA may round up to it: test edge by edge.
-            return -1;
-        }
-        const std::size_t column = static_cast<std::size_t>(k - columnMinX_);
-        const int* begin = thresholds->data() + columnStart_[column];
-        const int* end = thresholds->data() + columnStart_[column + 1];
-        const std::size_t flips = static_cast<std::size_t>(end - std::lower_bound(begin, end, qyT));
-        return (flips & 1u) != 0 ? 1 : 0;
-    }
-
-    std::size_t bandOf(float x) const {
-        const double t = (static_cast<double>(x) - double(lo_)) * scale_;
-        if (!(t > 0.0)) return 0;
-        if (t >= static_cast<double>(bandCount_)) return bandCount_ - 1;
-        return static_cast<std::size_t>(t);
-    }
-
-    std::vector<OutlineEdge> edges_;
-    float lo_ = 0.0f;
-    float hi_ = 0.0f;
-    double scale_ = 0.0;
-    std::size_t bandCount_ = 1;
-    std::vector<std::uint32_t> start_;
-    std::vector<std::uint32_t> list_;
-    bool columnsUsable_ = false;
-    int columnMinX_ = 0;
-    std::vector<std::uint32_t> columnStart_;
-    std::vector<int> columnInside_;  // per column, sorted thresholds for k < q.x < k + 1
-    std::vector<int> columnAtEnd_;   // and for q.x = k + 1
-};
 
 // For each scan line, the edges that can give it a crossing, in edge order. An edge meets the
 // scan segment (x0, y)-(x1, y) only where y lies in its own y range, or, on the extension of its
@@ -393,16 +203,25 @@ std::vector<std::vector<LineSegment>> FragmentToLines(std::vector<Vector2f> outl
         std::stable_sort(crossings.begin(), crossings.end(),
                          [](const Vector2f& l, const Vector2f& r) { return l.x < r.x; });
         // Drop the first point of every pair that is too short or whose midpoint lies outside.
-        // Pairs before the dropped point are unchanged, so the check carries on from there.
-        std::size_t p = 0;
-        while (p + 1 < crossings.size()) {
-            LineSegment piece(crossings[p], crossings[p + 1]);
+        // Pairs before the dropped point are unchanged, so the check carries on from there: the
+        // kept points are moved to the front as the check goes, instead of erasing one by one.
+        std::size_t kept = 0;
+        std::size_t next = 0;
+        while (next + 1 < crossings.size()) {
+            const Vector2f first = crossings[next];
+            const Vector2f second = crossings[next + 1];
+            LineSegment piece(first, second);
             if (piece.Length() != 0 && inside.contains(piece.Mid())) {
-                p += 2;
+                crossings[kept] = first;
+                crossings[kept + 1] = second;
+                kept += 2;
+                next += 2;
             } else {
-                crossings.erase(crossings.begin() + static_cast<std::ptrdiff_t>(p));
+                ++next;
             }
         }
+        while (next < crossings.size()) crossings[kept++] = crossings[next++];
+        crossings.resize(kept);
         if (crossings.size() < 2) continue;
         std::vector<LineSegment> group;
         group.reserve(crossings.size() / 2);

@@ -15,7 +15,9 @@ using quelworks::detail::truncatesPositive;
 
 using quelworks::detail::truncateToInt;
 
-#if defined(__SSE2__) || defined(_M_X64)
+// QUELWORKS_FORCE_SCALAR (the CMake option of that name) builds the plain loops instead, so that
+// they are compiled and tested too.
+#if (defined(__SSE2__) || defined(_M_X64)) && !defined(QUELWORKS_FORCE_SCALAR)
 #include <emmintrin.h>
 #include <xmmintrin.h>
 #define QW_POLYGON_SSE2 1

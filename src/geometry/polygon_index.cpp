@@ -1,12 +1,16 @@
 // A polygon prepared for many containment tests (the rectangle cover's inside test).
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <limits>
 #include <stdexcept>
 
+#include "geometry/edge_buckets.h"
 #include "geometry/float_to_int.h"
+#include "geometry/geometry_limits.h"
 #include "geometry/polygon_edge.h"
 #include "geometry/polygon_internal.h"
 
@@ -15,10 +19,7 @@ namespace detail {
 
 namespace {
 
-// Keeps the band lists within a few entries per edge on average: long edges are listed in every
-// band they span, so many long edges call for fewer bands.
-constexpr double kEntriesPerEdge = 64.0;
-constexpr std::size_t kMaxBands = 1u << 16;
+std::atomic<std::uint64_t> nextIndexId{0};
 
 // Widening conversions to float, so that an interval only grows.
 float floatAtMost(double v) {
@@ -34,7 +35,8 @@ float floatAtLeast(double v) {
 
 }  // namespace
 
-PolygonIndex::PolygonIndex(const std::vector<pointf>& polygon) : points_(polygon) {
+PolygonIndex::PolygonIndex(const std::vector<pointf>& polygon)
+    : id_(nextIndexId.fetch_add(1) + 1), points_(polygon) {
     const std::size_t n = points_.size();
     if (n == 0) return;
 
@@ -87,32 +89,14 @@ PolygonIndex::PolygonIndex(const std::vector<pointf>& polygon) : points_(polygon
             spanSum += (b - a) / (hi - lo);
         }
     }
-    bandOrigin_ = lo;
-    bandCount_ = 1;
-    if (hi > lo && crossingEdges > 0) {
-        double bands = static_cast<double>(crossingEdges);
-        if (spanSum > 0.0) bands = std::min(bands, kEntriesPerEdge * crossingEdges / spanSum);
-        bandCount_ = static_cast<std::size_t>(std::max(1.0, std::min(bands, double(kMaxBands))));
-        bandScale_ = static_cast<double>(bandCount_) / (hi - lo);
-    }
-
-    // Count, then fill, the band lists (compressed rows).
-    std::vector<std::uint32_t> counts(bandCount_ + 1, 0);
-    auto forEachBand = [&](auto&& visit) {
+    bands_.build(lo, hi, crossingEdges, spanSum, [&](auto&& visit) {
         for (std::size_t i = 0; i + 1 < n; ++i) {
             const float ay = points_[i].y;
             const float by = points_[i + 1].y;
             if (std::isnan(ay) || std::isnan(by) || ay == by) continue;
-            const std::size_t first = bandOf(std::min(ay, by));
-            const std::size_t last = bandOf(std::max(ay, by));
-            for (std::size_t b = first; b <= last; ++b) visit(b, static_cast<std::uint32_t>(i));
+            visit(static_cast<std::uint32_t>(i), std::min(ay, by), std::max(ay, by));
         }
-    };
-    forEachBand([&](std::size_t b, std::uint32_t) { ++counts[b + 1]; });
-    for (std::size_t b = 0; b < bandCount_; ++b) counts[b + 1] += counts[b];
-    bandStart_ = counts;
-    bandEdges_.resize(counts[bandCount_]);
-    forEachBand([&](std::size_t b, std::uint32_t e) { bandEdges_[counts[b]++] = e; });
+    });
 
     buildSlabs();
 }
@@ -130,8 +114,8 @@ void PolygonIndex::buildSlabs() {
     // (those within one unit of the bounding box). Rounding in a cross product stays below
     // 2^-21 D^2, and |cross product| < 2 D^2 < 2^31.
     const double D = std::max(double(maxX_) - minX_, double(maxY_) - minY_) + 2.0;
-    if (D > 30000.0) return;
-    const double rounding = D * D / 1048576.0;  // 2^-20 D^2, twice the bound
+    if (D > kSlabMaxExtent) return;
+    const double rounding = D * D / kRoundingDivisor;
 
     slabY_.clear();
     for (const pointf& p : points_) slabY_.push_back(p.y);
@@ -156,7 +140,7 @@ void PolygonIndex::buildSlabs() {
         slabRange(std::min(a.y, b.y), std::max(a.y, b.y), first, last);
         total += last - first;
     }
-    if (total > 4000000 + 64 * n) return;
+    if (!listedEntriesAffordable(total, n)) return;
 
     struct Entry {
         float lo, hi;
@@ -264,7 +248,8 @@ int PolygonIndex::slabContains(pointf q) const {
         // rounding and of the int range.
         const double dist = q.x < minX_ ? double(minX_) - q.x : double(q.x) - maxX_;
         const double d = slabExtent_ + dist;
-        if (d > 30000.0 || slabMinRise_[s] * dist < 2.0 + d * d / 1048576.0) return -1;
+        if (d > kSlabMaxExtent || slabMinRise_[s] * dist < 2.0 + d * d / kRoundingDivisor)
+            return -1;
         const unsigned listed = (q.x < minX_ && ((end - begin) & 1u)) ? 3u : 0u;
         return (listed ^ exactPart) != 0 ? 1 : 0;
     }
@@ -279,64 +264,68 @@ int PolygonIndex::slabContains(pointf q) const {
     return (parity ^ exactPart) != 0 ? 1 : 0;
 }
 
-std::size_t PolygonIndex::bandOf(float y) const {
-    // Monotone in y, so an edge listed from the band of its lower end to the band of its upper
-    // end is found from every row in between.
-    const double t = (static_cast<double>(y) - bandOrigin_) * bandScale_;
-    if (!(t > 0.0)) return 0;
-    if (t >= static_cast<double>(bandCount_)) return bandCount_ - 1;
-    return static_cast<std::size_t>(t);
-}
-
-void PolygonIndex::gatherRow(float qy, PolygonScratch& s) const {
-    s.ax.clear();
-    s.bx.clear();
-    s.ay.clear();
-    s.by.clear();
-    s.rightMask.clear();
-    s.rightFlip.clear();
-    s.leftMask.clear();
-    s.leftFlip.clear();
+const GatheredRow& PolygonIndex::gatherRow(float qy, PolygonScratch& scratch) const {
+    std::uint32_t bits;
+    std::memcpy(&bits, &qy, sizeof bits);
+    for (const GatheredRow& row : scratch.rows) {
+        if (row.owner == id_ && row.yBits == bits) return row;
+    }
+    GatheredRow& s = scratch.rows[scratch.nextRow];
+    scratch.nextRow = (scratch.nextRow + 1) % PolygonScratch::kCachedRows;
+    s.owner = id_;
+    s.yBits = bits;
+    s.count = 0;
     s.vertexX.clear();
-    if (std::isnan(qy)) return;  // no edge crosses a NaN row and no vertex equals it
+    if (std::isnan(qy)) return s;  // no edge crosses a NaN row and no vertex equals it
 
+    const std::size_t band = bands_.bucketOf(qy);
+    const std::size_t most =
+        static_cast<std::size_t>(bands_.end(band) - bands_.begin(band)) + alwaysEdges_.size();
+    if (s.ax.size() < most) {
+        for (auto* v : {&s.ax, &s.bx, &s.ay, &s.by}) v->resize(most);
+        for (auto* v : {&s.rightMask, &s.rightFlip, &s.leftMask, &s.leftFlip}) v->resize(most);
+    }
+    // Every edge is written at the next free place, which only advances for edges that cross
+    // the row: without a branch on the crossing, which follows no pattern along the band.
+    std::size_t k = 0;
     auto consider = [&](std::uint32_t e) {
         const pointf a = points_[e];
         const pointf b = points_[e + 1];
         const bool crossesAbove = (a.y > qy) != (b.y > qy);
         const bool crossesBelow = (a.y < qy) != (b.y < qy);
-        if (!crossesAbove && !crossesBelow) return;
         const int den = truncateToInt((b.y - qy) - (a.y - b.y));
-        s.ax.push_back(a.x);
-        s.bx.push_back(b.x);
-        s.ay.push_back(a.y - qy);
-        s.by.push_back(b.y - qy);
+        s.ax[k] = a.x;
+        s.bx[k] = b.x;
+        s.ay[k] = a.y - qy;
+        s.by[k] = b.y - qy;
         // A right crossing counts when (num > 0) == (den >= 0), a left one when
         // (num < 0) == (den <= 0); as parities: sign class XOR flip.
-        s.rightMask.push_back(crossesAbove);
-        s.rightFlip.push_back(!(den >= 0));
-        s.leftMask.push_back(crossesBelow);
-        s.leftFlip.push_back(!(den <= 0));
+        s.rightMask[k] = crossesAbove;
+        s.rightFlip[k] = !(den >= 0);
+        s.leftMask[k] = crossesBelow;
+        s.leftFlip[k] = !(den <= 0);
+        k += static_cast<std::size_t>(crossesAbove | crossesBelow);
     };
-    const std::size_t band = bandOf(qy);
-    for (std::uint32_t k = bandStart_[band]; k < bandStart_[band + 1]; ++k) consider(bandEdges_[k]);
+    for (const std::uint32_t* e = bands_.begin(band); e != bands_.end(band); ++e) consider(*e);
     for (std::uint32_t e : alwaysEdges_) consider(e);
+    s.count = k;
 
     auto range = std::equal_range(vertexByY_.begin(), vertexByY_.end(), pointf(0.0f, qy),
                                   [](const pointf& a, const pointf& b) { return a.y < b.y; });
     for (auto it = range.first; it != range.second; ++it) s.vertexX.push_back(it->x);
+    return s;
 }
 
-bool PolygonIndex::contains(pointf q, PolygonScratch& s) const {
+bool PolygonIndex::contains(pointf q, PolygonScratch& scratch) const {
     if (points_.empty()) throw std::out_of_range("IsPointInPolygon: the polygon has no vertices");
     const int bySlab = slabContains(q);
     if (bySlab >= 0) return bySlab != 0;
-    gatherRow(q.y, s);
+    const GatheredRow& s = gatherRow(q.y, scratch);
     for (float x : s.vertexX) {
         if (x == q.x) return true;
     }
     unsigned parity = 0;
-    const std::size_t k = s.ax.size();
+    const std::size_t k = s.count;
     for (std::size_t e = 0; e < k; ++e) {
         const float v = (s.ax[e] - q.x) * s.by[e] - s.ay[e] * (s.bx[e] - q.x);
         parity ^=
@@ -396,18 +385,18 @@ bool PolygonIndex::rectangleInside(const rectanglef& r, int tolerance, PolygonSc
             if (outside >= reject) return false;
             continue;
         }
-        gatherRow(qy, s);
+        const GatheredRow& row = gatherRow(qy, s);
         std::fill(parity, parity + count, std::uint8_t(0));
-        const std::size_t k = s.ax.size();
+        const std::size_t k = row.count;
         for (std::size_t e = 0; e < k; ++e) {
-            const float ax = s.ax[e];
-            const float bx = s.bx[e];
-            const float ay = s.ay[e];
-            const float by = s.by[e];
-            const std::uint8_t rm = s.rightMask[e];
-            const std::uint8_t rf = s.rightFlip[e];
-            const std::uint8_t lm = s.leftMask[e];
-            const std::uint8_t lf = s.leftFlip[e];
+            const float ax = row.ax[e];
+            const float bx = row.bx[e];
+            const float ay = row.ay[e];
+            const float by = row.by[e];
+            const std::uint8_t rm = row.rightMask[e];
+            const std::uint8_t rf = row.rightFlip[e];
+            const std::uint8_t lm = row.leftMask[e];
+            const std::uint8_t lf = row.leftFlip[e];
             for (std::size_t i = 0; i < count; ++i) {
                 const float v = (ax - xs[i]) * by - ay * (bx - xs[i]);
                 const std::uint8_t pos = truncatesPositive(v);
@@ -416,7 +405,7 @@ bool PolygonIndex::rectangleInside(const rectanglef& r, int tolerance, PolygonSc
                     static_cast<std::uint8_t>((rm & (pos ^ rf)) | ((lm & (neg ^ lf)) << 1));
             }
         }
-        for (float vx : s.vertexX) {
+        for (float vx : row.vertexX) {
             for (std::size_t i = 0; i < count; ++i) {
                 if (xs[i] == vx) parity[i] = 1;
             }

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "geometry/edge_buckets.h"
 #include "quelworks/export.h"
 #include "quelworks/geometry/shapes.h"
 #include "quelworks/geometry/vector2f.h"
@@ -25,13 +26,26 @@ QUELWORKS_API void MergeRectangles(std::vector<rectanglef>& rects);
 // the merged rectangle computed from a, then b.
 QUELWORKS_API bool TryMergeRectangles(const rectanglef& a, const rectanglef& b, rectanglef& merged);
 
-// Work buffers for PolygonIndex queries; one per thread.
-struct PolygonScratch {
-    // The edges that cross one sample row, with their row-constant terms.
+// The edges that cross one sample row, with their row-constant terms.
+struct GatheredRow {
+    std::uint64_t owner = 0;  // the id of the index that gathered it; 0: empty slot
+    std::uint32_t yBits = 0;  // the row's y, bit for bit
+    // The first `count` entries of the arrays below hold them (the arrays only grow).
+    std::size_t count = 0;
     std::vector<float> ax, bx, by, ay;
     std::vector<std::uint8_t> rightMask, rightFlip, leftMask, leftFlip;
     // x of the vertices lying exactly on the row.
     std::vector<float> vertexX;
+};
+
+// Work buffers for PolygonIndex queries; one per thread.
+struct PolygonScratch {
+    // The last rows gathered: neighbouring rectangles of the cover share their rows (a
+    // rectangle's bottom corners and first sample row, the quarters of one rectangle), so most
+    // rows are gathered once instead of several times.
+    static constexpr unsigned kCachedRows = 4;
+    GatheredRow rows[kCachedRows];
+    unsigned nextRow = 0;
     // One sample row of a rectangle test.
     std::vector<float> xs;
     std::vector<std::uint8_t> parity;
@@ -57,8 +71,7 @@ public:
     bool rowsOutside(float y, float height) const;
 
 private:
-    void gatherRow(float qy, PolygonScratch& scratch) const;
-    std::size_t bandOf(float y) const;
+    const GatheredRow& gatherRow(float qy, PolygonScratch& scratch) const;
     void buildSlabs();
     // The containment of a point strictly inside a slab, or -1 when the slabs cannot decide it.
     int slabContains(pointf q) const;
@@ -67,15 +80,13 @@ private:
     // (0), when the slabs can tell; -1 otherwise.
     int slabRowUniform(float qy, float xFirst, float xLast) const;
 
+    // Tells the rows this index gathered into a scratch from those of any other index.
+    std::uint64_t id_;
     std::vector<pointf> points_;
-    // Edges (index of their first vertex) listed per band of y, in compressed rows.
-    std::vector<std::uint32_t> bandStart_;
-    std::vector<std::uint32_t> bandEdges_;
+    // Edges (index of their first vertex) listed per band of y.
+    EdgeBuckets bands_;
     // Edges with a NaN y: looked at on every row.
     std::vector<std::uint32_t> alwaysEdges_;
-    double bandOrigin_ = 0.0;
-    double bandScale_ = 0.0;
-    std::size_t bandCount_ = 1;
     // (y, x) of the vertices that can be hit exactly (all but the last), sorted by y.
     std::vector<pointf> vertexByY_;
     // The y range of all vertices, for skipping rows that cannot be inside.
@@ -89,7 +100,7 @@ private:
     // both crossing counts, one far enough left adds nothing. So a point needs a binary search
     // for the count of edges right of it, and the exact test only for the edges near it.
     // Used when every coordinate is finite and the polygon is small enough (under 30000 units a
-    // side) that no cross product can leave the int range.
+    // side, kSlabMaxExtent) that no cross product can leave the int range.
     bool slabsUsable_ = false;
     float minX_ = 0.0f;
     float maxX_ = 0.0f;

@@ -8,8 +8,9 @@
 #include <string>
 #include <string_view>
 
-// QUELWORKS_INI_SCALAR turns the vector scan off (the tests use it to check the plain loop).
-#if defined(__SSE2__) && defined(__GNUC__) && !defined(QUELWORKS_INI_SCALAR)
+// QUELWORKS_FORCE_SCALAR (the CMake option of that name) turns the vector scan off, so that the
+// plain loop is compiled and tested too.
+#if defined(__SSE2__) && defined(__GNUC__) && !defined(QUELWORKS_FORCE_SCALAR)
 #define QUELWORKS_INI_SSE2 1
 #include <emmintrin.h>
 #endif

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "geometry/hatching_internal.h"
+#include "geometry/outline_index.h"
 #include "geometry/polygon_reference.h"
 #include "geometry/polygon_test_support.h"
 
@@ -99,12 +100,117 @@ TEST(FragmentToLines, MatchesReferenceOnRandomOutlines) {
         ASSERT_TRUE(sameGroups(FragmentToLines(outline, spacing),
                                reference::FragmentToLines(outline, spacing)))
             << "round " << round;
-        // The containment used on the midpoints, also with odd vertex coordinates.
+        // The plain containment test and the outline index the hatching uses on the midpoints,
+        // also with odd vertex coordinates.
         if (round % 7 == 6) outline[0].x = oddValue(rng);
+        const quelworks::detail::OutlineIndex index(outline);
         for (int k = 0; k < 20; ++k) {
             const Vector2f q(k % 4 ? coord(rng) : std::round(coord(rng)), coord(rng));
-            ASSERT_EQ(IsPointInOutline(q, outline), reference::IsPointInOutline(q, outline))
+            const bool expected = reference::IsPointInOutline(q, outline);
+            ASSERT_EQ(IsPointInOutline(q, outline), expected)
+                << "round " << round << ": " << q.x << "," << q.y;
+            ASSERT_EQ(index.contains(q), expected)
                 << "round " << round << ": " << q.x << "," << q.y;
         }
     }
+}
+
+namespace {
+
+// Points that probe the outline index where its shortcuts have edges: on whole units, just
+// below them (where q.x - xA can round up to the next whole unit), on halves, at the midpoints
+// of the segments hatching would test, and anywhere.
+std::vector<Vector2f> probePoints(std::mt19937& rng, const std::vector<Vector2f>& outline, float lo,
+                                  float hi, int count, bool hatched) {
+    std::vector<Vector2f> points;
+    std::uniform_real_distribution<float> coord(lo, hi);
+    std::uniform_int_distribution<int> whole(static_cast<int>(lo), static_cast<int>(hi));
+    const float below[] = {0.0f, 0.5f, 1.0f / 1024, 1.0f / 512, 1.0f / 256, 1.0f / 128, 0.1f};
+    for (int k = 0; k < count; ++k) {
+        const float x = static_cast<float>(whole(rng));
+        const float y = k % 3 == 0 ? coord(rng) : static_cast<float>(whole(rng)) + 0.5f * (k % 2);
+        const float offset = below[rng() % 7];
+        points.push_back(Vector2f(offset == 0 ? x : std::nextafter(x - offset, x), y));
+        points.push_back(Vector2f(x - offset, y));
+        // One step below a whole unit: q.x - xA rounds up to the whole unit when xA lies far
+        // enough left.
+        points.push_back(Vector2f(std::nextafter(x, lo - 1), y));
+        points.push_back(Vector2f(coord(rng), coord(rng)));
+    }
+    if (!hatched) return points;
+    for (const auto& group : FragmentToLines(outline, 1)) {
+        for (LineSegment s : group) points.push_back(s.Mid());
+    }
+    return points;
+}
+
+void expectIndexMatchesPlainTest(std::mt19937& rng, const std::vector<Vector2f>& outline, float lo,
+                                 float hi, int count, bool hatched = true) {
+    const quelworks::detail::OutlineIndex index(outline);
+    for (const Vector2f& q : probePoints(rng, outline, lo, hi, count, hatched)) {
+        ASSERT_EQ(index.contains(q), reference::IsPointInOutline(q, outline))
+            << q.x << "," << q.y << " in an outline of " << outline.size();
+    }
+}
+
+}  // namespace
+
+// Small self-crossing outlines on a half-unit grid, every other one shifted by 0.4: points just
+// below a whole unit, whole units and the columns' last unit are where the index's per-column
+// answers must agree with the plain test (and the hatching built on them with the reference).
+TEST(OutlineIndex, MatchesThePlainTestOnSelfCrossingHalfUnitOutlines) {
+    std::mt19937 rng(15);
+    int withColumns = 0;
+    for (int round = 0; round < 3000; ++round) {
+        std::vector<pointf> chain = randomChain(rng, 3 + round % 6, 6, false);
+        std::vector<Vector2f> outline;
+        for (const pointf& p : chain) {
+            const float x = std::round(p.x * 2) * 0.5f + (round % 2 ? 0.4f : 0.0f) - 3.0f;
+            outline.push_back(Vector2f(x, std::round(p.y * 2) * 0.5f));
+        }
+        const quelworks::detail::OutlineIndex index(outline);
+        withColumns += index.hasColumns();
+        expectIndexMatchesPlainTest(rng, outline, -4, 5, 12);
+        ASSERT_TRUE(sameGroups(FragmentToLines(outline, 1), reference::FragmentToLines(outline, 1)))
+            << "round " << round;
+    }
+    EXPECT_GT(withColumns, 2500);
+}
+
+// Near the largest coordinates the columns take (+-16383), just beyond them, and where the plain
+// test's int products wrap; outlines straddling the limit, or spanning from one end to the other.
+TEST(OutlineIndex, MatchesThePlainTestNearTheColumnLimit) {
+    std::mt19937 rng(16);
+    int withColumns = 0;
+    for (int round = 0; round < 400; ++round) {
+        const float sign = round % 2 ? 1.0f : -1.0f;
+        // Beyond 23170 the plain test's products can wrap; the columns must not be used there.
+        const float centres[] = {16370.0f, 16000.0f, 23200.0f};
+        const float centre = sign * centres[(round / 2) % 3];
+        const float extent = round % 12 < 11 ? 24.0f : 32760.0f;
+        std::uniform_real_distribution<float> offset(-extent / 2, extent / 2);
+        std::vector<Vector2f> outline;
+        for (int k = 0; k < 3 + round % 7; ++k) {
+            float x = std::round(centre + offset(rng));
+            float y = std::round(centre * (round % 3 ? 1.0f : -1.0f) + offset(rng));
+            if (extent > 100) {
+                // From one end to the other, in x and in y.
+                const float reach = std::fabs(centre) - std::round(offset(rng) / extent * 20);
+                x = (k % 2 ? reach : -reach);
+                y = std::round(offset(rng) / extent * 2 * std::fabs(centre));
+            }
+            if (round % 5 == 4) y += 0.5f;
+            outline.push_back(Vector2f(x, y));
+        }
+        const quelworks::detail::OutlineIndex index(outline);
+        withColumns += index.hasColumns();
+        float lo = outline[0].x, hi = lo;
+        for (const Vector2f& v : outline) {
+            lo = std::min({lo, v.x, v.y});
+            hi = std::max({hi, v.x, v.y});
+        }
+        expectIndexMatchesPlainTest(rng, outline, lo - 2, hi + 2, 40, extent < 100);
+    }
+    EXPECT_GT(withColumns, 100);
+    EXPECT_LT(withColumns, 380);
 }

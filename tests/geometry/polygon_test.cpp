@@ -161,3 +161,37 @@ TEST(GetBoundingBox, TruncatesTowardZero) {
         EXPECT_TRUE(sameBits<rectanglef>({GetBoundingBox(vectors)}, {c.box}));
     }
 }
+
+// One scratch serves several indexes and keeps the rows it gathered: answers must not depend on
+// what it holds, also for rows one float step apart (a vertex row and the row just above it).
+TEST(PolygonIndex, AnswersDoNotDependOnTheRowsAScratchHolds) {
+    std::mt19937 rng(77);
+    PolygonScratch shared;
+    for (int round = 0; round < 200; ++round) {
+        // Every other polygon spans 40000 units, beyond what the slabs take, so that every row
+        // is gathered.
+        std::vector<pointf> first = randomChain(rng, 4 + round % 9, 20, true);
+        if (round % 2) {
+            for (pointf& p : first) p = pointf(p.x * 2048, p.y * 2048);
+        }
+        const std::vector<pointf> second = starPolygon(rng, 10, 10, 2, 12, 5 + round % 7);
+        const PolygonIndex a(first);
+        const PolygonIndex b(second);
+        const float scale = round % 2 ? 2048.0f : 1.0f;
+        std::uniform_real_distribution<float> anyX(-5 * scale, 25 * scale);
+        for (const pointf& v : first) {
+            // On the vertex row and one float step above and below it, at the vertex and
+            // anywhere level with it, one right after the other.
+            const float rows[4] = {v.y, std::nextafter(v.y, 1e9f), v.y, std::nextafter(v.y, -1e9f)};
+            for (float x : {v.x, anyX(rng), anyX(rng)}) {
+                for (float y : rows) {
+                    const pointf q(x, y);
+                    ASSERT_EQ(a.contains(q, shared), reference::IsPointInPolygon(q, first))
+                        << round << ": " << q.x << "," << q.y;
+                    ASSERT_EQ(b.contains(q, shared), reference::IsPointInPolygon(q, second))
+                        << round << ": " << q.x << "," << q.y;
+                }
+            }
+        }
+    }
+}

@@ -7,12 +7,14 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -442,6 +444,76 @@ TEST(Cli, GeometryCommandsAreaFilesAndStandardOutput) {
     Result unwritable = quelworks("cover " + square + " --svg /nonexistent/dir/x.svg");
     EXPECT_NE(unwritable.err.find("No such file"), std::string::npos) << unwritable.err;
     std::remove(square.c_str());
+}
+
+// Large pictures: the outline is split into polylines of at most 2000 points that share their
+// ends (XML readers refuse attributes over 10 MB and struggle with many long elements), over
+// 100,000 segments are drawn as paths; an SVG reader, when installed, accepts both pictures.
+TEST(Cli, LargePicturesStayWithinWhatSvgReadersAccept) {
+    const std::string circle = tempPath("big_circle.txt");
+    {
+        std::ofstream out(circle);
+        for (int i = 0; i < 9000; ++i) {
+            const double a = 2 * 3.14159265358979 * i / 9000;
+            out << 3000 + 2500 * std::cos(a) << " " << 3000 + 2500 * std::sin(a) << "\n";
+        }
+    }
+    const std::string comb = tempPath("comb.txt");
+    {
+        // 200 teeth 600 units high: a segment per tooth on each of about 600 scan lines.
+        std::ofstream out(comb);
+        out << "0 -10\n800 -10\n";
+        for (int t = 199; t >= 0; --t) {
+            out << 4 * t + 2.5 << " 0\n" << 4 * t + 2.5 << " 600\n";
+            out << 4 * t + 0.5 << " 600\n" << 4 * t + 0.5 << " 0\n";
+        }
+    }
+    const bool reader = std::system("command -v rsvg-convert >/dev/null 2>&1") == 0;
+    for (const std::string& args :
+         {"hatch " + circle + " --spacing 50 --svg ", "hatch " + comb + " --spacing 1 --svg "}) {
+        const std::string picture = tempPath("big.svg");
+        Result result = quelworks(args + picture);
+        ASSERT_EQ(result.code, 0) << result.err;
+        std::ifstream in(picture);
+        std::string line;
+        std::vector<std::string> points;
+        std::size_t polylines = 0, paths = 0, lines = 0, longest = 0;
+        while (std::getline(in, line)) {
+            longest = std::max(longest, line.size());
+            paths += line.rfind("<path ", 0) == 0;
+            lines += line.rfind("<line ", 0) == 0;
+            if (line.rfind("<polyline points=\"", 0) != 0) continue;
+            ++polylines;
+            const std::size_t from = std::string("<polyline points=\"").size();
+            std::istringstream list(line.substr(from, line.find('"', from) - from));
+            std::vector<std::string> these;
+            for (std::string p; list >> p;) these.push_back(p);
+            EXPECT_LE(these.size(), 2000u);
+            // Each polyline starts where the one before ended.
+            if (!points.empty()) {
+                EXPECT_EQ(these.front(), points.back());
+            }
+            points.insert(points.end(), these.begin() + (points.empty() ? 0 : 1), these.end());
+        }
+        EXPECT_LT(longest, 100000u);
+        if (args.find(circle) != std::string::npos) {
+            EXPECT_EQ(points.size(), 9001u);  // every vertex, and back to the first
+            EXPECT_EQ(points.front(), points.back());
+            EXPECT_GT(lines, 0u);
+            EXPECT_EQ(paths, 0u);
+        } else {
+            EXPECT_EQ(lines, 0u);
+            EXPECT_GE(paths, 59u);  // about 120,000 segments, 2000 to a path
+        }
+        if (reader) {
+            EXPECT_EQ(std::system(("rsvg-convert " + picture + " -o " + picture + ".png").c_str()),
+                      0);
+            std::remove((picture + ".png").c_str());
+        }
+        std::remove(picture.c_str());
+    }
+    std::remove(circle.c_str());
+    std::remove(comb.c_str());
 }
 
 }  // namespace
