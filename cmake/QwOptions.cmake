@@ -29,7 +29,11 @@ endfunction()
 function(qw_library_object_settings target)
     set_target_properties(${target} PROPERTIES
         POSITION_INDEPENDENT_CODE ON
-        CXX_VISIBILITY_PRESET hidden)
+        CXX_VISIBILITY_PRESET hidden
+        # Inline member functions hidden too: otherwise the standard library's helpers that the
+        # compiler emits out of line for internal types (std::_Destroy_aux<...>::__destroy over a
+        # vector's element type) keep namespace std's default visibility and are exported.
+        VISIBILITY_INLINES_HIDDEN ON)
     target_compile_definitions(${target} PRIVATE QUELWORKS_BUILDING)
     target_include_directories(${target}
         PUBLIC ${PROJECT_SOURCE_DIR}/include

@@ -68,6 +68,43 @@ build_and_test() {  # preset [ctest args...]
     run_ctest --preset "$preset" -j "$jobs" "$@"
 }
 
+# Fuzzes every harness of the fuzz build for $fuzz_seconds each, on a copy of its seed corpus.
+# An input that crashes, leaks or hangs a harness is kept in build/fuzz/artifacts/NAME/ (the log
+# there and the lines printed here name it); replay it with build/fuzz/fuzz/fuzz_NAME FILE and
+# add it to fuzz/corpus/NAME so that every build replays it. Fails after trying every harness if
+# any of them found something.
+fuzz_harnesses() {
+    local fuzzer name artifacts work log rc found=0
+    for fuzzer in build/fuzz/fuzz/fuzz_*; do
+        [ -x "$fuzzer" ] || continue
+        name=${fuzzer##*/fuzz_}
+        step "fuzzing $name for ${fuzz_seconds}s"
+        artifacts="$PWD/build/fuzz/artifacts/$name"
+        mkdir -p "$artifacts"
+        log="$artifacts/fuzz.log"
+        work=$(mktemp -d)
+        cp -r "fuzz/corpus/$name/." "$work/" 2>/dev/null || true
+        rc=0
+        "$fuzzer" -max_total_time="$fuzz_seconds" -timeout=10 -rss_limit_mb=2048 \
+            -print_final_stats=1 -artifact_prefix="$artifacts/" "$work" >"$log" 2>&1 || rc=$?
+        rm -rf "$work"
+        if [ "$rc" -eq 0 ]; then
+            tail -n 8 "$log"
+            continue
+        fi
+        found=$((found + 1))
+        tail -n 40 "$log"
+        echo "fuzz_$name failed (exit $rc); full log: $log"
+        grep -E 'Test unit written to|artifact_prefix' "$log" | sed 's/^/  /' || true
+        echo "  replay: $fuzzer FILE   (then add FILE to fuzz/corpus/$name)"
+    done
+    if [ "$found" -gt 0 ]; then
+        total_failed=$((total_failed + found))
+        echo "fuzzing: $found harness(es) found failing inputs, kept in build/fuzz/artifacts/" >&2
+        return 1
+    fi
+}
+
 if has format; then
     step "format check"
     files=$(git ls-files '*.h' '*.hpp' '*.cpp' '*.cc' 2>/dev/null || find include src tests tools bench fuzz examples -name '*.[ch]pp' -o -name '*.h')
@@ -97,16 +134,7 @@ if has fuzz; then
     cmake --build --preset fuzz -j "$jobs"
     step "test: fuzz corpus replay"
     run_ctest --test-dir build/fuzz -L fuzz --output-on-failure -j "$jobs"
-    for fuzzer in build/fuzz/fuzz/fuzz_*; do
-        [ -x "$fuzzer" ] || continue
-        name=${fuzzer##*/fuzz_}
-        step "fuzzing $name for ${fuzz_seconds}s"
-        work=$(mktemp -d)
-        cp -r "fuzz/corpus/$name/." "$work/" 2>/dev/null || true
-        (cd "$work" && "$OLDPWD/$fuzzer" -max_total_time="$fuzz_seconds" -timeout=10 -rss_limit_mb=2048 \
-            -print_final_stats=1 . 2>&1 | tail -n 8)
-        rm -rf "$work"
-    done
+    fuzz_harnesses
 fi
 
 if has consumer; then

@@ -127,6 +127,17 @@ void BM_RListMsort(benchmark::State& state) {
              [](RList<SortObject>& l) { l.msort(CompareStruct<SortObject>{gCompare.compare}); });
 }
 
+// The same sort without fetching ahead on long runs: what the fetching gains.
+void BM_RListSortNoFetchAhead(benchmark::State& state) {
+    runRList(state, [](RList<SortObject>& l) {
+        Node<SortObject>* rest = l.pFront;
+        const auto run = quelworks::detail::ListSort<SortObject, false>::sort(
+            rest, l.count, CompareStruct<SortObject>{gCompare.compare}.compare);
+        l.pFront = run.head;
+        l.pRear = run.tail;
+    });
+}
+
 void BM_StraightMergeSort(benchmark::State& state) {
     runRList(state, [](RList<SortObject>& l) { StraightSort::run(l); });
 }
@@ -151,6 +162,14 @@ void BM_StdListSort(benchmark::State& state) {
 // 1M nodes (32 MB, beyond the caches) is the measure; 16K nodes (512 KB) shows the cost of the
 // merge loop itself when every node is in cache.
 BENCHMARK(BM_RListMsort)->Arg(1 << 14)->Arg(1 << 20)->Unit(benchmark::kMillisecond);
+// With and without fetching ahead, from where it starts (runs of 32K nodes) up.
+BENCHMARK(BM_RListMsort)->Arg(1 << 15)->Arg(1 << 17)->Arg(1 << 19)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_RListSortNoFetchAhead)
+    ->Arg(1 << 15)
+    ->Arg(1 << 17)
+    ->Arg(1 << 19)
+    ->Arg(1 << 20)
+    ->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_StdListSort)->Arg(1 << 14)->Arg(1 << 20)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_StraightMergeSort)->Arg(1 << 14)->Arg(1 << 20)->Unit(benchmark::kMillisecond);
 

@@ -19,12 +19,12 @@ namespace detail {
 // some pair (i, j) is mergeable, the first such pair (i ascending, then j ascending) is removed
 // and the merged rectangle appended. Runs in about n log n for the usual inputs; the first pair
 // is found through indexes keyed by the shared edges instead of a fresh scan each round.
-QUELWORKS_API void MergeRectangles(std::vector<rectanglef>& rects);
+void MergeRectangles(std::vector<rectanglef>& rects);
 
 // Whether a and b may be merged (side by side with equal y and height, or one above the other
 // with equal x and width, the merged rectangle under 255 on each side); if so, `merged` receives
 // the merged rectangle computed from a, then b.
-QUELWORKS_API bool TryMergeRectangles(const rectanglef& a, const rectanglef& b, rectanglef& merged);
+bool TryMergeRectangles(const rectanglef& a, const rectanglef& b, rectanglef& merged);
 
 // The edges that cross one sample row, with their row-constant terms.
 struct GatheredRow {
@@ -54,7 +54,7 @@ struct PolygonScratch {
 // A polygon prepared for many containment tests: the same answers as IsPointInPolygon, bit for
 // bit, but each test only looks at the edges whose y range holds the point (found through bands
 // over y) and never copies the polygon.
-class QUELWORKS_API PolygonIndex {
+class PolygonIndex {
 public:
     explicit PolygonIndex(const std::vector<pointf>& polygon);
 

@@ -1,13 +1,10 @@
 #include "quelworks/geometry/vector2f.h"
 
-#if defined(_WIN32)
-#include "platform/windows_include.h"
-#endif
-
 #include <cfloat>
 #include <cmath>
 
 #include "geometry/float_to_int.h"
+#include "platform/point.h"
 #include "quelworks/util/conversions.h"
 
 // Float steps must run in float and double steps in double (SSE arithmetic), never in x87

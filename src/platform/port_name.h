@@ -5,8 +5,6 @@
 
 #include <string>
 
-#include "quelworks/export.h"
-
 namespace quelworks {
 
 struct PortNameCheck {
@@ -27,7 +25,7 @@ struct PortNameCheck {
 std::string ResolvePortPath(const std::string& name);
 
 // Resolves `name` as the serial link will when it opens the port, and looks at what is there.
-QUELWORKS_API PortNameCheck CheckPortName(const std::string& name);
+PortNameCheck CheckPortName(const std::string& name);
 
 }  // namespace quelworks
 

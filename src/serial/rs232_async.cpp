@@ -296,7 +296,10 @@ bool RS232Async::Connect(char* portName) {
             running = 1;
             ++st->activeThreads;
             ++st->references;
-            st->worker = std::thread(threadEntry, this, st);
+            // Through a lambda, whose type is local to this file: a thread started on the function
+            // itself would instantiate (and export) std::thread internals over the internal state
+            // type.
+            st->worker = std::thread([this, st] { threadEntry(this, st); });
             threadHandle = &st->worker;
         }
         if (replaced.joinable()) replaced.join();

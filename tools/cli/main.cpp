@@ -5,27 +5,19 @@
 #include <iostream>
 #include <string>
 
+#include "calibrate_commands.h"
 #include "command_error.h"
 #include "device_commands.h"
-#include "quelworks_tool_version.h"
-#ifdef QW_HAVE_GEOMETRY_COMMANDS
 #include "geometry_commands.h"
-#endif
-#ifdef QW_HAVE_CALIBRATE_COMMANDS
-#include "calibrate_commands.h"
-#endif
+#include "quelworks_tool_version.h"
 
 int main(int argc, char** argv) {
     CLI::App app{"quelworks: the device on a serial port (ports, info, flash) and plane geometry"};
     app.require_subcommand(1);
     app.set_version_flag("--version", "quelworks " QUELWORKS_TOOL_VERSION);
     quelworks::cli::addDeviceCommands(app);
-#ifdef QW_HAVE_GEOMETRY_COMMANDS
     addGeometryCommands(app);
-#endif
-#ifdef QW_HAVE_CALIBRATE_COMMANDS
     addCalibrateCommands(app);
-#endif
     // The first word that is not an option names the subcommand: say so when there is none of
     // that name rather than only that one is required.
     bool known = false;

@@ -3,14 +3,7 @@
 #include <cmath>
 #include <cstdlib>
 
-#ifdef _WIN32
-#include <io.h>
-
-#include "platform/windows_include.h"
-#else
-#include <sys/ioctl.h>
-#include <unistd.h>
-#endif
+#include "console.h"
 
 namespace quelworks::cli {
 
@@ -91,23 +84,12 @@ std::string fittedProgressBar(long long done, long long total, double elapsedSec
 }
 
 bool isTerminal(std::FILE* out) {
-#ifdef _WIN32
-    return _isatty(_fileno(out)) != 0;
-#else
-    return ::isatty(fileno(out)) != 0;
-#endif
+    return console::isTerminal(out);
 }
 
 int terminalColumns(std::FILE* out) {
-#ifdef _WIN32
-    CONSOLE_SCREEN_BUFFER_INFO info;
-    HANDLE handle = reinterpret_cast<HANDLE>(_get_osfhandle(_fileno(out)));
-    if (GetConsoleScreenBufferInfo(handle, &info))
-        return info.srWindow.Right - info.srWindow.Left + 1;
-#else
-    winsize size{};
-    if (::ioctl(fileno(out), TIOCGWINSZ, &size) == 0 && size.ws_col > 0) return size.ws_col;
-#endif
+    const int fromSystem = console::columns(out);
+    if (fromSystem > 0) return fromSystem;
     const char* columns = std::getenv("COLUMNS");
     int fromEnvironment = columns != nullptr ? std::atoi(columns) : 0;
     return fromEnvironment > 0 ? fromEnvironment : 80;
