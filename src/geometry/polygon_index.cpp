@@ -337,6 +337,45 @@ bool PolygonIndex::contains(pointf q, PolygonScratch& scratch) const {
     return parity != 0;
 }
 
+bool PolygonIndex::bothContained(pointf p, pointf q, PolygonScratch& scratch) const {
+    if (points_.empty()) throw std::out_of_range("IsPointInPolygon: the polygon has no vertices");
+    std::uint32_t pBits, qBits;
+    std::memcpy(&pBits, &p.y, sizeof pBits);
+    std::memcpy(&qBits, &q.y, sizeof qBits);
+    if (pBits != qBits) return contains(p, scratch) && contains(q, scratch);
+    const int pBySlab = slabContains(p);
+    if (pBySlab == 0) return false;
+    const int qBySlab = slabContains(q);
+    if (qBySlab == 0) return false;
+    if (pBySlab > 0) return qBySlab > 0 || contains(q, scratch);
+    if (qBySlab > 0) return contains(p, scratch);
+
+    // Both need the row: one pass over its crossings answers both.
+    const GatheredRow& s = gatherRow(p.y, scratch);
+    bool pOnVertex = false;
+    bool qOnVertex = false;
+    for (float x : s.vertexX) {
+        pOnVertex |= x == p.x;
+        qOnVertex |= x == q.x;
+    }
+    unsigned pParity = 0;
+    unsigned qParity = 0;
+    const std::size_t k = s.count;
+    for (std::size_t e = 0; e < k; ++e) {
+        const float vp = (s.ax[e] - p.x) * s.by[e] - s.ay[e] * (s.bx[e] - p.x);
+        const float vq = (s.ax[e] - q.x) * s.by[e] - s.ay[e] * (s.bx[e] - q.x);
+        const std::uint8_t rm = s.rightMask[e];
+        const std::uint8_t rf = s.rightFlip[e];
+        const std::uint8_t lm = s.leftMask[e];
+        const std::uint8_t lf = s.leftFlip[e];
+        pParity ^= rm & (static_cast<std::uint8_t>(truncatesPositive(vp)) ^ rf);
+        pParity ^= (lm & (static_cast<std::uint8_t>(truncatesNegative(vp)) ^ lf)) << 1;
+        qParity ^= rm & (static_cast<std::uint8_t>(truncatesPositive(vq)) ^ rf);
+        qParity ^= (lm & (static_cast<std::uint8_t>(truncatesNegative(vq)) ^ lf)) << 1;
+    }
+    return (pOnVertex || pParity != 0) && (qOnVertex || qParity != 0);
+}
+
 bool PolygonIndex::rowsOutside(float y, float height) const {
     if (!yRangeKnown_) return false;
     if (y > maxY_) return true;
@@ -350,9 +389,9 @@ bool PolygonIndex::rowsOutside(float y, float height) const {
 bool PolygonIndex::rectangleInside(const rectanglef& r, int tolerance, PolygonScratch& s) const {
     const pointf corners[4] = {pointf(r.x, r.y), pointf(r.x + r.width, r.y),
                                pointf(r.x, r.y + r.height), pointf(r.x + r.width, r.y + r.height)};
-    for (const pointf& c : corners) {
-        if (!contains(c, s)) return false;
-    }
+    // Corners side by side share their row, so each pair is tested in one pass over it.
+    if (!bothContained(corners[0], corners[1], s)) return false;
+    if (!bothContained(corners[2], corners[3], s)) return false;
 
     const int nx = truncateToInt(r.width > 3 ? r.width / 3 : r.width);
     const int ny = truncateToInt(r.height > 3 ? r.height / 3 : r.height);

@@ -63,6 +63,9 @@ public:
     // IsPointInPolygon(q, polygon). Throws std::out_of_range for an empty polygon.
     bool contains(pointf q, PolygonScratch& scratch) const;
 
+    // contains(p) && contains(q); one pass over the row when p and q lie on the same row.
+    bool bothContained(pointf p, pointf q, PolygonScratch& scratch) const;
+
     // The inside test of a rectangle: four corners, then the sample grid with the tolerance.
     bool rectangleInside(const rectanglef& r, int tolerance, PolygonScratch& scratch) const;
 

@@ -31,16 +31,26 @@ void expectSameContainment(std::mt19937& rng, const std::vector<pointf>& poly, f
         ASSERT_EQ(IsPointInPolygon(q, poly), expected) << q.x << "," << q.y;
         ASSERT_EQ(index.contains(q, scratch), expected) << q.x << "," << q.y;
     };
+    // Two points at once, one pass over their row when they share it.
+    auto checkBoth = [&](pointf p, pointf q) {
+        const bool expected =
+            reference::IsPointInPolygon(p, poly) && reference::IsPointInPolygon(q, poly);
+        ASSERT_EQ(index.bothContained(p, q, scratch), expected)
+            << p.x << "," << p.y << " " << q.x << "," << q.y;
+    };
     std::uniform_real_distribution<float> coord(lo, hi);
     for (std::size_t i = 0; i < poly.size(); ++i) {
         check(poly[i]);
         check(pointf(coord(rng), poly[i].y));
+        checkBoth(poly[i], pointf(coord(rng), poly[i].y));
+        checkBoth(pointf(coord(rng), poly[i].y), poly[i]);
         const pointf b = poly[i + 1 < poly.size() ? i + 1 : 0];
         check(pointf((poly[i].x + b.x) * 0.5f, (poly[i].y + b.y) * 0.5f));
     }
     for (int i = 0; i < random; ++i) {
         const pointf q(coord(rng), coord(rng));
         check(i % 4 ? q : pointf(std::round(q.x), std::round(q.y)));
+        checkBoth(q, pointf(i % 3 ? coord(rng) : -q.x, i % 5 ? q.y : coord(rng)));
     }
 }
 
