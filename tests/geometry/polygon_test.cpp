@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <limits>
 #include <random>
 #include <stdexcept>
 #include <vector>
@@ -200,6 +201,54 @@ TEST(PolygonIndex, AnswersDoNotDependOnTheRowsAScratchHolds) {
                         << round << ": " << q.x << "," << q.y;
                     ASSERT_EQ(b.contains(q, shared), reference::IsPointInPolygon(q, second))
                         << round << ": " << q.x << "," << q.y;
+                }
+            }
+        }
+    }
+}
+
+// A row tested at many points gets its crossings bucketed by x; its answers must stay those of
+// the plain test, also right at the crossings (a few float steps either side), on vertex rows,
+// beyond the bounding box and for NaN.
+TEST(PolygonIndex, RowsTestedOftenKeepTheirAnswers) {
+    std::mt19937 rng(99);
+    for (int round = 0; round < 6; ++round) {
+        SCOPED_TRACE(round);
+        const std::vector<pointf> poly =
+            round % 3 == 0   ? regularStar(600 + 200 * round, 300, 300, 280, 40)
+            : round % 3 == 1 ? starPolygon(rng, 300, 300, 20, 280, 900, round % 2 == 0)
+                             : randomChain(rng, 400, 600, true);
+        const PolygonIndex index(poly);
+        PolygonScratch scratch;
+        std::uniform_real_distribution<float> coord(-5, 605);
+        for (int row = 0; row < 12; ++row) {
+            const float y = row % 3 == 0 ? poly[rng() % (poly.size() - 1)].y : coord(rng);
+            std::vector<float> xs;
+            for (std::size_t i = 0; i + 1 < poly.size(); ++i) {
+                const pointf a = poly[i], b = poly[i + 1];
+                if ((a.y > y) == (b.y > y) || xs.size() > 150) continue;
+                float x = a.x + (y - a.y) * (b.x - a.x) / (b.y - a.y);
+                xs.push_back(x);
+                for (int step = 0; step < 3; ++step) {
+                    x = std::nextafter(x, 1e9f);
+                    xs.push_back(x);
+                }
+                xs.push_back(x + 0.01f);
+            }
+            for (int i = 0; i < 100; ++i) xs.push_back(coord(rng));
+            xs.push_back(poly[0].x);
+            xs.push_back(-1e6f);
+            xs.push_back(1e6f);
+            xs.push_back(std::numeric_limits<float>::quiet_NaN());
+            for (std::size_t i = 0; i < xs.size(); ++i) {
+                const pointf q(xs[i], y);
+                ASSERT_EQ(index.contains(q, scratch), reference::IsPointInPolygon(q, poly))
+                    << q.x << "," << q.y;
+                if (i % 2 == 1) {
+                    const pointf p(xs[i - 1], y);
+                    ASSERT_EQ(index.bothContained(p, q, scratch),
+                              reference::IsPointInPolygon(p, poly) &&
+                                  reference::IsPointInPolygon(q, poly));
                 }
             }
         }
