@@ -96,10 +96,11 @@ void PolygonIndex::bucketRow(GatheredRow& s) const {
                 double(s.ax[e]) - double(s.ay[e]) * (double(s.bx[e]) - s.ax[e]) / rise;
             double margin = base / std::fabs(rise) + 1e-6 * D;
             for (int attempt = 0; attempt < 3; ++attempt, margin *= 8.0) {
+                // Any c1 <= c2 will do: the check decides.
                 const float c1 =
-                    floatAtMost(std::min(std::max(xe - margin, double(lo)), double(hi)));
+                    static_cast<float>(std::min(std::max(xe - margin, double(lo)), double(hi)));
                 const float c2 =
-                    floatAtLeast(std::min(std::max(xe + margin, double(lo)), double(hi)));
+                    static_cast<float>(std::min(std::max(xe + margin, double(lo)), double(hi)));
                 if (productRange(crossingProduct(s, e, c1)) == rangeLo &&
                     productRange(crossingProduct(s, e, c2)) == rangeHi) {
                     x1 = c1;
@@ -124,31 +125,35 @@ void PolygonIndex::bucketRow(GatheredRow& s) const {
         if (t >= static_cast<double>(buckets)) return buckets - 1;
         return static_cast<std::size_t>(t);
     };
+    // Counted, then filled; `entryBucket` keeps each entry's bucket (buckets for wide ones).
     s.bucketStart.assign(buckets + 1, 0);
+    s.beforeFrom.assign(buckets + 1, 0);
+    s.afterUpTo.assign(buckets + 1, 0);
+    s.entryBucket.resize(k);
     s.wide.clear();
     for (std::size_t e = 0; e < k; ++e) {
         const std::size_t b = bucketOf(s.entryLo[e]);
         if (bucketOf(s.entryHi[e]) > b + 1) {
+            s.entryBucket[e] = static_cast<std::uint32_t>(buckets);
             s.wide.push_back(static_cast<std::uint32_t>(e));
         } else {
+            s.entryBucket[e] = static_cast<std::uint32_t>(b);
             ++s.bucketStart[b + 1];
+            s.beforeFrom[b] ^= s.entryBefore[e];
+            s.afterUpTo[b + 1] ^= s.entryAfter[e];
         }
     }
-    for (std::size_t b = 0; b < buckets; ++b) s.bucketStart[b + 1] += s.bucketStart[b];
-    s.entryEdge.resize(s.bucketStart[buckets]);
-    std::vector<std::uint32_t> fill(s.bucketStart.begin(), s.bucketStart.end() - 1);
-    std::vector<std::uint8_t> before(buckets, 0), after(buckets, 0);
-    for (std::size_t e = 0; e < k; ++e) {
-        const std::size_t b = bucketOf(s.entryLo[e]);
-        if (bucketOf(s.entryHi[e]) > b + 1) continue;
-        s.entryEdge[fill[b]++] = static_cast<std::uint32_t>(e);
-        before[b] ^= s.entryBefore[e];
-        after[b] ^= s.entryAfter[e];
+    for (std::size_t b = 0; b < buckets; ++b) {
+        s.bucketStart[b + 1] += s.bucketStart[b];
+        s.afterUpTo[b + 1] ^= s.afterUpTo[b];
     }
-    s.beforeFrom.assign(buckets + 1, 0);
-    s.afterUpTo.assign(buckets + 1, 0);
-    for (std::size_t b = buckets; b-- > 0;) s.beforeFrom[b] = s.beforeFrom[b + 1] ^ before[b];
-    for (std::size_t b = 0; b < buckets; ++b) s.afterUpTo[b + 1] = s.afterUpTo[b] ^ after[b];
+    for (std::size_t b = buckets; b-- > 0;) s.beforeFrom[b] ^= s.beforeFrom[b + 1];
+    s.entryEdge.resize(s.bucketStart[buckets]);
+    s.bucketFill.assign(s.bucketStart.begin(), s.bucketStart.end() - 1);
+    for (std::size_t e = 0; e < k; ++e) {
+        const std::uint32_t b = s.entryBucket[e];
+        if (b < buckets) s.entryEdge[s.bucketFill[b]++] = static_cast<std::uint32_t>(e);
+    }
     s.bucketed = true;
 }
 

@@ -55,6 +55,7 @@ struct GatheredRow {
     std::vector<std::uint32_t> entryEdge;
     std::vector<std::uint8_t> entryBefore, entryAfter;
     std::vector<std::uint32_t> wide;
+    std::vector<std::uint32_t> entryBucket, bucketFill;  // work space of the bucketing
 };
 
 // Work buffers for PolygonIndex queries; one per thread.
