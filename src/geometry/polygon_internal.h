@@ -44,7 +44,8 @@ struct GatheredRow {
     // The bucketed crossings, for points with lo <= x <= hi. Every crossing adds a constant to
     // the parities left of an x interval around it (`before`) and another right of it (`after`);
     // inside the interval it is tested exactly. Crossings whose interval spans at most two
-    // buckets are listed by the bucket of their lower end, the others (`wide`) are always looked at.
+    // buckets are listed by the bucket of their lower end, the others (`wide`) are always looked
+    // at.
     float lo = 0.0f;
     float hi = 0.0f;
     double scale = 0.0;
