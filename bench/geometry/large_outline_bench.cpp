@@ -54,6 +54,8 @@ BENCHMARK(Cover)
     ->Args({kWobbly, 1000000})
     ->Args({kSpikes, 10000})
     ->Args({kSpikes, 30000})
+    ->Args({kSpikes, 100000})
+    ->Args({kSpikes, 1000000})
     ->Unit(benchmark::kMillisecond)
     ->Iterations(1);
 

@@ -38,6 +38,16 @@ constexpr double kSlabMaxExtent = 30000.0;
 // at most 2^-24 relative each); the slabs use twice that, D^2 / 2^20.
 constexpr double kRoundingDivisor = 1048576.0;
 
+// Bucketed rows of the polygon index: with the extent D at most this, every coordinate
+// difference stays within 2 D and every product within 4 D^2, far from the float range, so the
+// cross products never overflow and stay monotone along a row.
+constexpr double kRowBucketMaxExtent = 1e12;
+
+// Bucketed rows: a row's crossings are bucketed once it has had this many point tests (about
+// what bucketing costs in passes over the crossings), and only rows with this many crossings.
+constexpr unsigned kTestsBeforeBucketing = 8;
+constexpr std::size_t kMinBucketedCrossings = 64;
+
 }  // namespace detail
 }  // namespace quelworks
 

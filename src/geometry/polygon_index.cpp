@@ -33,7 +33,156 @@ float floatAtLeast(double v) {
     return f;
 }
 
+// The parity bits (right, left) that a crossing of a gathered row adds for a cross product v.
+inline unsigned crossingParity(const GatheredRow& s, std::size_t e, float v) {
+    return (s.rightMask[e] & (static_cast<std::uint8_t>(truncatesPositive(v)) ^ s.rightFlip[e])) |
+           ((s.leftMask[e] & (static_cast<std::uint8_t>(truncatesNegative(v)) ^ s.leftFlip[e]))
+            << 1);
+}
+
+// The cross product of a crossing of a gathered row for the point (qx, row y), as every test
+// computes it.
+inline float crossingProduct(const GatheredRow& s, std::size_t e, float qx) {
+    return (s.ax[e] - qx) * s.by[e] - s.ay[e] * (s.bx[e] - qx);
+}
+
+// The ranges of v over which the truncated cross product keeps its sign class: (-inf, -1],
+// (-1, 1), [1, 2^31), [2^31, inf); -1 for NaN.
+inline int productRange(float v) {
+    if (std::isnan(v)) return -1;
+    if (v <= -1.0f) return 0;
+    if (v < 1.0f) return 1;
+    return v < 2147483648.0f ? 2 : 3;
+}
+
 }  // namespace
+
+void PolygonIndex::bucketRow(GatheredRow& s) const {
+    s.bucketTried = true;
+    s.bucketed = false;
+    const std::size_t k = s.count;
+    if (!rowBucketsUsable_ || k < kMinBucketedCrossings) return;
+    // Along a row, the cross product of a crossing edge is monotone in x: the row's y lies
+    // between the edge's ends, so ay and by have opposite signs (or one is 0) and both products
+    // move the same way, and every float operation rounds monotonically. With every coordinate
+    // finite and the extent bounded, nothing overflows on [lo, hi]. So where the product lies in
+    // the same range of sign class at both ends of an x interval, it does in between, and the
+    // crossing adds the same parity there: an interval [lo, x1] and one [x2, hi] around the
+    // crossing's x are checked by computing the product at their ends exactly as the test does.
+    const float lo = minX_ - 1.0f;
+    const float hi = maxX_ + 1.0f;
+    const double D = slabExtent_;
+    const double base = 2.0 + D * D / kRoundingDivisor;
+    s.lo = lo;
+    s.hi = hi;
+    s.entryLo.resize(k);
+    s.entryHi.resize(k);
+    s.entryBefore.resize(k);
+    s.entryAfter.resize(k);
+    double widthSum = 0.0;
+    for (std::size_t e = 0; e < k; ++e) {
+        const float vLo = crossingProduct(s, e, lo);
+        const float vHi = crossingProduct(s, e, hi);
+        const int rangeLo = productRange(vLo);
+        const int rangeHi = productRange(vHi);
+        s.entryBefore[e] = static_cast<std::uint8_t>(crossingParity(s, e, vLo));
+        s.entryAfter[e] = static_cast<std::uint8_t>(crossingParity(s, e, vHi));
+        float x1 = lo;  // exact tests for lo < x < x2 when the check below fails
+        float x2 = hi;
+        const double rise = double(s.by[e]) - double(s.ay[e]);
+        if (rangeLo >= 0 && rangeHi >= 0 && rise != 0.0) {
+            // The row (y = 0 here) meets the edge's line at xe.
+            const double xe =
+                double(s.ax[e]) - double(s.ay[e]) * (double(s.bx[e]) - s.ax[e]) / rise;
+            double margin = base / std::fabs(rise) + 1e-6 * D;
+            for (int attempt = 0; attempt < 3; ++attempt, margin *= 8.0) {
+                // Any c1 <= c2 will do: the check decides.
+                const float c1 =
+                    static_cast<float>(std::min(std::max(xe - margin, double(lo)), double(hi)));
+                const float c2 =
+                    static_cast<float>(std::min(std::max(xe + margin, double(lo)), double(hi)));
+                if (productRange(crossingProduct(s, e, c1)) == rangeLo &&
+                    productRange(crossingProduct(s, e, c2)) == rangeHi) {
+                    x1 = c1;
+                    x2 = c2;
+                    break;
+                }
+            }
+        }
+        s.entryLo[e] = x1;
+        s.entryHi[e] = x2;
+        widthSum += std::min(double(x2) - x1, (double(hi) - lo) / 64.0);
+    }
+    // Buckets about as wide as the average interval, and about one per two crossings.
+    const double span = double(hi) - lo;
+    const double width = std::max(widthSum / static_cast<double>(k), 2.0 * span / k);
+    const std::size_t buckets =
+        static_cast<std::size_t>(std::max(1.0, std::min(span / width, double(k))));
+    s.scale = static_cast<double>(buckets) / span;
+    auto bucketOf = [&](float x) {
+        const double t = (double(x) - lo) * s.scale;
+        if (!(t > 0.0)) return std::size_t(0);
+        if (t >= static_cast<double>(buckets)) return buckets - 1;
+        return static_cast<std::size_t>(t);
+    };
+    // Counted, then filled; `entryBucket` keeps each entry's bucket (buckets for wide ones).
+    s.bucketStart.assign(buckets + 1, 0);
+    s.beforeFrom.assign(buckets + 1, 0);
+    s.afterUpTo.assign(buckets + 1, 0);
+    s.entryBucket.resize(k);
+    s.wide.clear();
+    for (std::size_t e = 0; e < k; ++e) {
+        const std::size_t b = bucketOf(s.entryLo[e]);
+        if (bucketOf(s.entryHi[e]) > b + 1) {
+            s.entryBucket[e] = static_cast<std::uint32_t>(buckets);
+            s.wide.push_back(static_cast<std::uint32_t>(e));
+        } else {
+            s.entryBucket[e] = static_cast<std::uint32_t>(b);
+            ++s.bucketStart[b + 1];
+            s.beforeFrom[b] ^= s.entryBefore[e];
+            s.afterUpTo[b + 1] ^= s.entryAfter[e];
+        }
+    }
+    for (std::size_t b = 0; b < buckets; ++b) {
+        s.bucketStart[b + 1] += s.bucketStart[b];
+        s.afterUpTo[b + 1] ^= s.afterUpTo[b];
+    }
+    for (std::size_t b = buckets; b-- > 0;) s.beforeFrom[b] ^= s.beforeFrom[b + 1];
+    s.entryEdge.resize(s.bucketStart[buckets]);
+    s.bucketFill.assign(s.bucketStart.begin(), s.bucketStart.end() - 1);
+    for (std::size_t e = 0; e < k; ++e) {
+        const std::uint32_t b = s.entryBucket[e];
+        if (b < buckets) s.entryEdge[s.bucketFill[b]++] = static_cast<std::uint32_t>(e);
+    }
+    s.bucketed = true;
+}
+
+unsigned PolygonIndex::rowParity(GatheredRow& s, float qx) const {
+    const std::size_t k = s.count;
+    if (!s.bucketTried && ++s.tests >= kTestsBeforeBucketing) bucketRow(s);
+    if (s.bucketed && qx >= s.lo && qx <= s.hi) {
+        const std::size_t buckets = s.bucketStart.size() - 1;
+        const double t = (double(qx) - s.lo) * s.scale;
+        const std::size_t b = !(t > 0.0)                          ? 0
+                              : t >= static_cast<double>(buckets) ? buckets - 1
+                                                                  : static_cast<std::size_t>(t);
+        // Entries listed beyond b start right of qx; those listed before b - 1 end left of it
+        // (their interval spans at most two buckets).
+        unsigned parity = s.beforeFrom[b + 1] ^ s.afterUpTo[b > 0 ? b - 1 : 0];
+        auto one = [&](std::uint32_t e) {
+            if (qx <= s.entryLo[e]) return unsigned(s.entryBefore[e]);
+            if (qx >= s.entryHi[e]) return unsigned(s.entryAfter[e]);
+            return crossingParity(s, e, crossingProduct(s, e, qx));
+        };
+        for (std::uint32_t i = s.bucketStart[b > 0 ? b - 1 : 0]; i < s.bucketStart[b + 1]; ++i)
+            parity ^= one(s.entryEdge[i]);
+        for (std::uint32_t e : s.wide) parity ^= one(e);
+        return parity;
+    }
+    unsigned parity = 0;
+    for (std::size_t e = 0; e < k; ++e) parity ^= crossingParity(s, e, crossingProduct(s, e, qx));
+    return parity;
+}
 
 PolygonIndex::PolygonIndex(const std::vector<pointf>& polygon)
     : id_(nextIndexId.fetch_add(1) + 1), points_(polygon) {
@@ -114,6 +263,8 @@ void PolygonIndex::buildSlabs() {
     // (those within one unit of the bounding box). Rounding in a cross product stays below
     // 2^-21 D^2, and |cross product| < 2 D^2 < 2^31.
     const double D = std::max(double(maxX_) - minX_, double(maxY_) - minY_) + 2.0;
+    slabExtent_ = D;
+    rowBucketsUsable_ = D <= kRowBucketMaxExtent;
     if (D > kSlabMaxExtent) return;
     const double rounding = D * D / kRoundingDivisor;
 
@@ -264,10 +415,10 @@ int PolygonIndex::slabContains(pointf q) const {
     return (parity ^ exactPart) != 0 ? 1 : 0;
 }
 
-const GatheredRow& PolygonIndex::gatherRow(float qy, PolygonScratch& scratch) const {
+GatheredRow& PolygonIndex::gatherRow(float qy, PolygonScratch& scratch) const {
     std::uint32_t bits;
     std::memcpy(&bits, &qy, sizeof bits);
-    for (const GatheredRow& row : scratch.rows) {
+    for (GatheredRow& row : scratch.rows) {
         if (row.owner == id_ && row.yBits == bits) return row;
     }
     GatheredRow& s = scratch.rows[scratch.nextRow];
@@ -276,6 +427,9 @@ const GatheredRow& PolygonIndex::gatherRow(float qy, PolygonScratch& scratch) co
     s.yBits = bits;
     s.count = 0;
     s.vertexX.clear();
+    s.tests = 0;
+    s.bucketTried = false;
+    s.bucketed = false;
     if (std::isnan(qy)) return s;  // no edge crosses a NaN row and no vertex equals it
 
     const std::size_t band = bands_.bucketOf(qy);
@@ -320,21 +474,47 @@ bool PolygonIndex::contains(pointf q, PolygonScratch& scratch) const {
     if (points_.empty()) throw std::out_of_range("IsPointInPolygon: the polygon has no vertices");
     const int bySlab = slabContains(q);
     if (bySlab >= 0) return bySlab != 0;
-    const GatheredRow& s = gatherRow(q.y, scratch);
+    GatheredRow& s = gatherRow(q.y, scratch);
     for (float x : s.vertexX) {
         if (x == q.x) return true;
     }
-    unsigned parity = 0;
+    return rowParity(s, q.x) != 0;
+}
+
+bool PolygonIndex::bothContained(pointf p, pointf q, PolygonScratch& scratch) const {
+    if (points_.empty()) throw std::out_of_range("IsPointInPolygon: the polygon has no vertices");
+    std::uint32_t pBits, qBits;
+    std::memcpy(&pBits, &p.y, sizeof pBits);
+    std::memcpy(&qBits, &q.y, sizeof qBits);
+    if (pBits != qBits) return contains(p, scratch) && contains(q, scratch);
+    const int pBySlab = slabContains(p);
+    if (pBySlab == 0) return false;
+    const int qBySlab = slabContains(q);
+    if (qBySlab == 0) return false;
+    if (pBySlab > 0) return qBySlab > 0 || contains(q, scratch);
+    if (qBySlab > 0) return contains(p, scratch);
+
+    // Both need the row: one pass over its crossings answers both, unless the row is bucketed.
+    GatheredRow& s = gatherRow(p.y, scratch);
+    bool pOnVertex = false;
+    bool qOnVertex = false;
+    for (float x : s.vertexX) {
+        pOnVertex |= x == p.x;
+        qOnVertex |= x == q.x;
+    }
+    if (!s.bucketTried && s.tests + 2 >= kTestsBeforeBucketing) bucketRow(s);
+    if (s.bucketed) {
+        return (pOnVertex || rowParity(s, p.x) != 0) && (qOnVertex || rowParity(s, q.x) != 0);
+    }
+    s.tests += 2;
+    unsigned pParity = 0;
+    unsigned qParity = 0;
     const std::size_t k = s.count;
     for (std::size_t e = 0; e < k; ++e) {
-        const float v = (s.ax[e] - q.x) * s.by[e] - s.ay[e] * (s.bx[e] - q.x);
-        parity ^=
-            s.rightMask[e] & (static_cast<std::uint8_t>(truncatesPositive(v)) ^ s.rightFlip[e]);
-        parity ^=
-            (s.leftMask[e] & (static_cast<std::uint8_t>(truncatesNegative(v)) ^ s.leftFlip[e]))
-            << 1;
+        pParity ^= crossingParity(s, e, crossingProduct(s, e, p.x));
+        qParity ^= crossingParity(s, e, crossingProduct(s, e, q.x));
     }
-    return parity != 0;
+    return (pOnVertex || pParity != 0) && (qOnVertex || qParity != 0);
 }
 
 bool PolygonIndex::rowsOutside(float y, float height) const {
@@ -350,9 +530,9 @@ bool PolygonIndex::rowsOutside(float y, float height) const {
 bool PolygonIndex::rectangleInside(const rectanglef& r, int tolerance, PolygonScratch& s) const {
     const pointf corners[4] = {pointf(r.x, r.y), pointf(r.x + r.width, r.y),
                                pointf(r.x, r.y + r.height), pointf(r.x + r.width, r.y + r.height)};
-    for (const pointf& c : corners) {
-        if (!contains(c, s)) return false;
-    }
+    // Corners side by side share their row, so each pair is tested in one pass over it.
+    if (!bothContained(corners[0], corners[1], s)) return false;
+    if (!bothContained(corners[2], corners[3], s)) return false;
 
     const int nx = truncateToInt(r.width > 3 ? r.width / 3 : r.width);
     const int ny = truncateToInt(r.height > 3 ? r.height / 3 : r.height);
@@ -385,9 +565,16 @@ bool PolygonIndex::rectangleInside(const rectanglef& r, int tolerance, PolygonSc
             if (outside >= reject) return false;
             continue;
         }
-        const GatheredRow& row = gatherRow(qy, s);
-        std::fill(parity, parity + count, std::uint8_t(0));
-        const std::size_t k = row.count;
+        GatheredRow& row = gatherRow(qy, s);
+        if (!row.bucketTried && row.tests + count >= kTestsBeforeBucketing) bucketRow(row);
+        row.tests += static_cast<unsigned>(std::min<std::size_t>(count, 1u << 20));
+        const std::size_t k = row.bucketed ? 0 : row.count;
+        if (row.bucketed) {
+            for (std::size_t i = 0; i < count; ++i)
+                parity[i] = static_cast<std::uint8_t>(rowParity(row, xs[i]));
+        } else {
+            std::fill(parity, parity + count, std::uint8_t(0));
+        }
         for (std::size_t e = 0; e < k; ++e) {
             const float ax = row.ax[e];
             const float bx = row.bx[e];

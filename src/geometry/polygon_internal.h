@@ -36,6 +36,27 @@ struct GatheredRow {
     std::vector<std::uint8_t> rightMask, rightFlip, leftMask, leftFlip;
     // x of the vertices lying exactly on the row.
     std::vector<float> vertexX;
+
+    // Point tests on this row so far; a row tested often gets its crossings bucketed by x.
+    unsigned tests = 0;
+    bool bucketTried = false;
+    bool bucketed = false;
+    // The bucketed crossings, for points with lo <= x <= hi. Every crossing adds a constant to
+    // the parities left of an x interval around it (`before`) and another right of it (`after`);
+    // inside the interval it is tested exactly. Crossings whose interval spans at most two
+    // buckets are listed by the bucket of their lower end, the others (`wide`) are always looked
+    // at.
+    float lo = 0.0f;
+    float hi = 0.0f;
+    double scale = 0.0;
+    std::vector<std::uint32_t> bucketStart;
+    std::vector<std::uint8_t> beforeFrom;  // per bucket b, the XOR of `before` over buckets >= b
+    std::vector<std::uint8_t> afterUpTo;   // per bucket b, the XOR of `after` over buckets < b
+    std::vector<float> entryLo, entryHi;
+    std::vector<std::uint32_t> entryEdge;
+    std::vector<std::uint8_t> entryBefore, entryAfter;
+    std::vector<std::uint32_t> wide;
+    std::vector<std::uint32_t> entryBucket, bucketFill;  // work space of the bucketing
 };
 
 // Work buffers for PolygonIndex queries; one per thread.
@@ -63,6 +84,9 @@ public:
     // IsPointInPolygon(q, polygon). Throws std::out_of_range for an empty polygon.
     bool contains(pointf q, PolygonScratch& scratch) const;
 
+    // contains(p) && contains(q); one pass over the row when p and q lie on the same row.
+    bool bothContained(pointf p, pointf q, PolygonScratch& scratch) const;
+
     // The inside test of a rectangle: four corners, then the sample grid with the tolerance.
     bool rectangleInside(const rectanglef& r, int tolerance, PolygonScratch& scratch) const;
 
@@ -71,7 +95,11 @@ public:
     bool rowsOutside(float y, float height) const;
 
 private:
-    const GatheredRow& gatherRow(float qy, PolygonScratch& scratch) const;
+    GatheredRow& gatherRow(float qy, PolygonScratch& scratch) const;
+    // Buckets the row's crossings by x when the row has been tested often enough to pay off.
+    void bucketRow(GatheredRow& row) const;
+    // The parity bits (right, left) of a point of a gathered row.
+    unsigned rowParity(GatheredRow& row, float qx) const;
     void buildSlabs();
     // The containment of a point strictly inside a slab, or -1 when the slabs cannot decide it.
     int slabContains(pointf q) const;
@@ -110,6 +138,9 @@ private:
     std::vector<std::uint32_t> slabEdge_;
     std::vector<std::uint32_t> exactStart_;  // per slab, edges always tested exactly
     std::vector<std::uint32_t> exactEdge_;
+    // Rows bucketed by x answer for points within one unit of the bounding box, when every
+    // coordinate is finite and the box is small enough that no cross product overflows.
+    bool rowBucketsUsable_ = false;
     double slabExtent_ = 0.0;          // D: the larger side of the bounding box plus 2
     std::vector<double> slabMinRise_;  // per slab, the smallest y extent of its listed edges
 };

@@ -102,6 +102,30 @@ TEST(BeginSpreadPolygon, MatchesReferenceOnRandomPolygons) {
     expectSameCover(notched, rectanglef(0, 0, 980, 80), 10);
 }
 
+TEST(BeginSpreadPolygon, MatchesReferenceOnSpikyOutlines) {
+    // Rows through the spikes cross a share of all edges and neighbouring quarters differ in
+    // their answers, so the quarters of a level are tested row by row rather than in queue
+    // order; the cover must not change. Regular and random stars, dense enough that spikes are
+    // thinner than the sample spacing, with areas offset so that rows fall on vertex rows too.
+    std::mt19937 rng(77);
+    const int tolerances[] = {0, 10, -3, 60};
+    for (int round = 0; round < 16; ++round) {
+        SCOPED_TRACE(round);
+        const int vertices = 200 + 60 * round;
+        const float outer = 60.0f + 7.0f * static_cast<float>(round % 5);
+        std::vector<pointf> poly =
+            round % 2 == 0
+                ? regularStar(vertices, outer, outer, outer, outer * (0.2f + 0.1f * (round % 4)))
+                : starPolygon(rng, outer, outer, outer * 0.3f, outer, vertices, round % 4 == 1);
+        rectanglef area = GetBoundingBox(poly);
+        if (round % 3 == 1)
+            area = rectanglef(std::round(area.x), std::round(area.y), 2 * outer, 2 * outer);
+        if (round % 3 == 2)
+            area = rectanglef(area.x - 5.5f, area.y + 3.25f, area.width, area.height * 0.75f);
+        expectSameCover(poly, area, tolerances[round % 4]);
+    }
+}
+
 TEST(BeginSpreadPolygon, SeveralCallersAtOnce) {
     std::mt19937 rng(31);
     std::vector<std::vector<pointf>> polygons;

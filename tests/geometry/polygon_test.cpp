@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <limits>
 #include <random>
 #include <stdexcept>
 #include <vector>
@@ -31,16 +32,26 @@ void expectSameContainment(std::mt19937& rng, const std::vector<pointf>& poly, f
         ASSERT_EQ(IsPointInPolygon(q, poly), expected) << q.x << "," << q.y;
         ASSERT_EQ(index.contains(q, scratch), expected) << q.x << "," << q.y;
     };
+    // Two points at once, one pass over their row when they share it.
+    auto checkBoth = [&](pointf p, pointf q) {
+        const bool expected =
+            reference::IsPointInPolygon(p, poly) && reference::IsPointInPolygon(q, poly);
+        ASSERT_EQ(index.bothContained(p, q, scratch), expected)
+            << p.x << "," << p.y << " " << q.x << "," << q.y;
+    };
     std::uniform_real_distribution<float> coord(lo, hi);
     for (std::size_t i = 0; i < poly.size(); ++i) {
         check(poly[i]);
         check(pointf(coord(rng), poly[i].y));
+        checkBoth(poly[i], pointf(coord(rng), poly[i].y));
+        checkBoth(pointf(coord(rng), poly[i].y), poly[i]);
         const pointf b = poly[i + 1 < poly.size() ? i + 1 : 0];
         check(pointf((poly[i].x + b.x) * 0.5f, (poly[i].y + b.y) * 0.5f));
     }
     for (int i = 0; i < random; ++i) {
         const pointf q(coord(rng), coord(rng));
         check(i % 4 ? q : pointf(std::round(q.x), std::round(q.y)));
+        checkBoth(q, pointf(i % 3 ? coord(rng) : -q.x, i % 5 ? q.y : coord(rng)));
     }
 }
 
@@ -190,6 +201,54 @@ TEST(PolygonIndex, AnswersDoNotDependOnTheRowsAScratchHolds) {
                         << round << ": " << q.x << "," << q.y;
                     ASSERT_EQ(b.contains(q, shared), reference::IsPointInPolygon(q, second))
                         << round << ": " << q.x << "," << q.y;
+                }
+            }
+        }
+    }
+}
+
+// A row tested at many points gets its crossings bucketed by x; its answers must stay those of
+// the plain test, also right at the crossings (a few float steps either side), on vertex rows,
+// beyond the bounding box and for NaN.
+TEST(PolygonIndex, RowsTestedOftenKeepTheirAnswers) {
+    std::mt19937 rng(99);
+    for (int round = 0; round < 6; ++round) {
+        SCOPED_TRACE(round);
+        const std::vector<pointf> poly =
+            round % 3 == 0   ? regularStar(600 + 200 * round, 300, 300, 280, 40)
+            : round % 3 == 1 ? starPolygon(rng, 300, 300, 20, 280, 900, round % 2 == 0)
+                             : randomChain(rng, 400, 600, true);
+        const PolygonIndex index(poly);
+        PolygonScratch scratch;
+        std::uniform_real_distribution<float> coord(-5, 605);
+        for (int row = 0; row < 12; ++row) {
+            const float y = row % 3 == 0 ? poly[rng() % (poly.size() - 1)].y : coord(rng);
+            std::vector<float> xs;
+            for (std::size_t i = 0; i + 1 < poly.size(); ++i) {
+                const pointf a = poly[i], b = poly[i + 1];
+                if ((a.y > y) == (b.y > y) || xs.size() > 150) continue;
+                float x = a.x + (y - a.y) * (b.x - a.x) / (b.y - a.y);
+                xs.push_back(x);
+                for (int step = 0; step < 3; ++step) {
+                    x = std::nextafter(x, 1e9f);
+                    xs.push_back(x);
+                }
+                xs.push_back(x + 0.01f);
+            }
+            for (int i = 0; i < 100; ++i) xs.push_back(coord(rng));
+            xs.push_back(poly[0].x);
+            xs.push_back(-1e6f);
+            xs.push_back(1e6f);
+            xs.push_back(std::numeric_limits<float>::quiet_NaN());
+            for (std::size_t i = 0; i < xs.size(); ++i) {
+                const pointf q(xs[i], y);
+                ASSERT_EQ(index.contains(q, scratch), reference::IsPointInPolygon(q, poly))
+                    << q.x << "," << q.y;
+                if (i % 2 == 1) {
+                    const pointf p(xs[i - 1], y);
+                    ASSERT_EQ(index.bothContained(p, q, scratch),
+                              reference::IsPointInPolygon(p, poly) &&
+                                  reference::IsPointInPolygon(q, poly));
                 }
             }
         }
