@@ -315,7 +315,8 @@ BootConnection::BootConnection(const char* port, int timeoutMs) : timeout_(timeo
     if (port != nullptr && port[0] != '\0') {
         link_.PortName(port);
         link_.Baudrate = 9600;
-        link_.Connect();
+        // A rejected configuration leaves the link looking connected: the result decides.
+        open_ = link_.Connect();
     }
 }
 
@@ -325,12 +326,13 @@ BootConnection::~BootConnection() {
     link_.Disconnect();
 }
 
-bool BootConnection::IsOpen() {
-    return link_.IsConnected();
+bool BootConnection::IsOpen() const {
+    return open_;
 }
 
 void BootConnection::Close() {
     link_.Disconnect();
+    open_ = false;
 }
 
 BootSession BootConnection::session() {
@@ -342,24 +344,25 @@ BootSession BootConnection::session() {
         false);
 }
 
+// Without an open port nothing is sent and every operation fails.
 void BootConnection::Drain() {
-    session().Drain();
+    if (open_) session().Drain();
 }
 
 bool BootConnection::AcquireDeviceInfo() {
-    return session().AcquireDeviceInfo();
+    return open_ && session().AcquireDeviceInfo();
 }
 
 bool BootConnection::SwitchToMaxBaudrate() {
-    return session().SwitchToMaxBaudrate();
+    return open_ && session().SwitchToMaxBaudrate();
 }
 
 bool BootConnection::EnterBootloader() {
-    return session().EnterBootloader();
+    return open_ && session().EnterBootloader();
 }
 
 bool BootConnection::UpdateFirmware(int value, const char* fileName) {
-    return session().UpdateFirmware(value, fileName);
+    return open_ && session().UpdateFirmware(value, fileName);
 }
 
 }  // namespace quelworks

@@ -75,7 +75,7 @@ public:
     BootConnection(const BootConnection&) = delete;
     BootConnection& operator=(const BootConnection&) = delete;
 
-    bool IsOpen();
+    bool IsOpen() const;
     // Closes the port now (also done by the destructor).
     void Close();
 
@@ -108,6 +108,7 @@ private:
     BootSession session();
 
     RS232 link_;
+    bool open_ = false;
     int timeout_;
     bool deviceInfoAvailable_ = false;
     int deviceType_ = 0;

@@ -2,7 +2,6 @@
 // line, the same identity and image, but the port opened once instead of once per operation.
 // Opens are counted with inotify on the pty the simulated device serves.
 #include <fcntl.h>
-#include <sys/inotify.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -18,6 +17,7 @@
 #include "bootloader/boot_session.h"
 #include "pty_server.h"
 #include "quelworks/bootloader/bootloader.h"
+#include "support/open_counter.h"
 
 namespace {
 
@@ -50,33 +50,6 @@ public:
 
 private:
     quelworks::devsim::PtyServer server_;
-};
-
-// Counts the opens of one file from the moment it is made. Closes are watched too: inotify merges
-// an event with an identical one still unread, so opens alone would count one for many.
-class OpenCounter {
-public:
-    explicit OpenCounter(const std::string& path) {
-        fd_ = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
-        EXPECT_GE(fd_, 0);
-        EXPECT_GE(::inotify_add_watch(fd_, path.c_str(), IN_OPEN | IN_CLOSE), 0);
-    }
-    ~OpenCounter() { ::close(fd_); }
-    int count() {
-        alignas(inotify_event) char buffer[4096];
-        for (ssize_t n; (n = ::read(fd_, buffer, sizeof buffer)) > 0;) {
-            for (ssize_t at = 0; at < n;) {
-                const auto* event = reinterpret_cast<const inotify_event*>(buffer + at);
-                if (event->mask & IN_OPEN) ++opens_;
-                at += static_cast<ssize_t>(sizeof(inotify_event) + event->len);
-            }
-        }
-        return opens_;
-    }
-
-private:
-    int fd_ = -1;
-    int opens_ = 0;
 };
 
 // The pty keeps the line settings its last user chose.
@@ -114,7 +87,8 @@ struct Outcome {
 
 Outcome withPublicClass(const DeviceConfig& config, bool maxBaud, const std::string& image) {
     Sim sim(config);
-    OpenCounter opens(sim.port());
+    qwtest::OpenCounter opens(sim.port());
+    EXPECT_TRUE(opens.watching());
     Outcome out;
     g_progress.clear();
     {
@@ -145,7 +119,8 @@ Outcome withPublicClass(const DeviceConfig& config, bool maxBaud, const std::str
 
 Outcome withOneConnection(const DeviceConfig& config, bool maxBaud, const std::string& image) {
     Sim sim(config);
-    OpenCounter opens(sim.port());
+    qwtest::OpenCounter opens(sim.port());
+    EXPECT_TRUE(opens.watching());
     Outcome out;
     g_progress.clear();
     {

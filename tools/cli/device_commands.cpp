@@ -187,9 +187,12 @@ Identity readIdentity(const BootConnection& boot) {
 // Opens the device's port (once, for everything that follows until the connection goes),
 // drains it, reads the identity and explains a failure.
 std::unique_ptr<BootConnection> connectDevice(const std::string& port, int timeout) {
-    bool listed = checkPortName(port);
+    if (port.empty()) checkPortName(port);
     auto boot = std::make_unique<BootConnection>(port.c_str(), timeout);
-    if (!boot->IsOpen()) throw CommandError(kExitPortUnavailable, cannotOpen(port, listed));
+    // Only a port that does not open is looked at more closely (looking opens it too).
+    if (!boot->IsOpen()) {
+        throw CommandError(kExitPortUnavailable, cannotOpen(port, checkPortName(port)));
+    }
     boot->Drain();
     if (!boot->AcquireDeviceInfo()) {
         boot.reset();  // the diagnosis asks again on a connection of its own
