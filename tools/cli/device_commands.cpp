@@ -201,6 +201,21 @@ std::unique_ptr<BootConnection> connectDevice(const std::string& port, int timeo
     return boot;
 }
 
+// Switches the device and the open port to the device's maximum baud rate; returns that rate.
+std::uint32_t switchToMaxBaud(BootConnection& boot, const std::string& port) {
+    const std::string rate = std::to_string(boot.MaxBaudrate());
+    if (boot.SwitchToMaxBaudrate()) return static_cast<std::uint32_t>(boot.MaxBaudrate());
+    // Accepted by the device, but the port cannot run at that rate.
+    if (boot.Baudrate() == static_cast<std::uint32_t>(boot.MaxBaudrate()) &&
+        boot.Baudrate() != 9600) {
+        throw CommandError(kExitBaudSwitch, "the port " + port + " cannot be set to " + rate +
+                                                " baud, the device's maximum; flash without "
+                                                "--max-baud (and power-cycle the device)");
+    }
+    throw CommandError(kExitBaudSwitch, "the device refused to switch to its maximum baud rate (" +
+                                            rate + "); flash without --max-baud");
+}
+
 // Length of the well-formed UTF-8 sequence at text[at], or 0 if the bytes there are not one
 // (overlong forms, surrogates and code points above U+10FFFF count as malformed).
 std::size_t utf8SequenceLength(const std::string& text, std::size_t at) {
@@ -442,12 +457,7 @@ void runFlash(const FlashOptions& options) {
 
     std::uint32_t baudrate = 9600;
     if (options.maxBaud) {
-        if (!boot->SwitchToMaxBaudrate()) {
-            throw CommandError(kExitBaudSwitch,
-                               "the device refused to switch to its maximum baud rate (" +
-                                   std::to_string(id.maxBaudrate) + "); flash without --max-baud");
-        }
-        baudrate = static_cast<std::uint32_t>(id.maxBaudrate);
+        baudrate = switchToMaxBaud(*boot, options.port);
         std::printf("line: switched to %u baud\n", baudrate);
     }
     if (!boot->EnterBootloader()) {
@@ -883,15 +893,7 @@ void flashOneDevice(DeviceRun& run, const FlashJob& job) {
             }
         }
         std::uint32_t baudrate = 9600;
-        if (options.maxBaud) {
-            if (!boot->SwitchToMaxBaudrate()) {
-                throw CommandError(kExitBaudSwitch,
-                                   "the device refused to switch to its maximum baud rate (" +
-                                       std::to_string(id.maxBaudrate) +
-                                       "); flash without --max-baud");
-            }
-            baudrate = static_cast<std::uint32_t>(id.maxBaudrate);
-        }
+        if (options.maxBaud) baudrate = switchToMaxBaud(*boot, run.port);
         if (job.stop->load()) {
             finishRun(run, DeviceRun::Result::Interrupted, kExitInterrupted,
                       "interrupted before writing: the device still holds its old firmware");
