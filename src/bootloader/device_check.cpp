@@ -1,6 +1,5 @@
 #include "bootloader/device_check.h"
 
-#include <climits>
 #include <cstdlib>
 #include <memory>
 
@@ -58,7 +57,6 @@ public:
         }
         return Reply(data, &std::free);
     }
-    RS232& raw() { return link_; }
 
 private:
     RS232 link_;
@@ -127,20 +125,6 @@ IdentityDiagnosis DiagnoseIdentity(const char* port, int timeoutMs, std::uint32_
         }
     }
     return IdentityDiagnosis{};
-}
-
-int ReadBlockSize(const char* port, int timeoutMs, std::uint32_t baudrate) {
-    Link link(port, baudrate);
-    if (!link.connected()) return 0;
-    unsigned char reply[kProgramParametersReplyLength] = {};
-    link.send(kProgramParameters);
-    if (!link.raw().Receive(reply, kProgramParametersReplyLength, timeoutMs) ||
-        reply[0] != kProgramParameters) {
-        return 0;
-    }
-    std::uint32_t size = (std::uint32_t(reply[1]) << 24) | (std::uint32_t(reply[2]) << 16) |
-                         (std::uint32_t(reply[3]) << 8) | reply[4];
-    return size > 0 && size <= INT_MAX ? static_cast<int>(size) : 0;
 }
 
 bool ByteArrivesWithin(const char* port, std::uint32_t baudrate, int waitMs) {

@@ -1,8 +1,7 @@
 // Internal helpers of the bootloader client for the quelworks command: what the command needs to
-// know beyond the public Bootloader interface (why reading the identity failed, the block size
-// the device asked for, whether a reply came late), asked of the device with the protocol's own
-// request codes. Compiled into the command, over the library's public classes; not part of the
-// library.
+// know beyond the public Bootloader interface (why reading the identity failed, whether a reply
+// came late), asked of the device with the protocol's own request codes. Compiled into the
+// command, over the library's public classes; not part of the library.
 #ifndef QUELWORKS_BOOTLOADER_DEVICE_CHECK_H
 #define QUELWORKS_BOOTLOADER_DEVICE_CHECK_H
 
@@ -33,9 +32,6 @@ struct IdentityDiagnosis {
 // `lateWindowMs` more to tell a slow device from a silent one.
 IdentityDiagnosis DiagnoseIdentity(const char* port, int timeoutMs, std::uint32_t baudrate,
                                    int lateWindowMs);
-
-// The block size the device in programming mode asks for; 0 if it does not say.
-int ReadBlockSize(const char* port, int timeoutMs, std::uint32_t baudrate);
 
 // True if any byte arrives on `port` within `waitMs`: after a failed exchange, a sign that the
 // device answered after the time-out.

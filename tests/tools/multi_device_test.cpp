@@ -16,6 +16,8 @@
 #include <thread>
 #include <vector>
 
+#include "support/open_counter.h"
+
 namespace {
 
 std::string tempPath(const std::string& name) {
@@ -213,6 +215,40 @@ TEST(MultiFlash, JsonRecordsAndInfoOverSeveralPorts) {
         << r.out;
     EXPECT_TRUE(contains(r.err, "1 of 2 devices did not answer: /dev/qw-no-such-port")) << r.err;
     std::remove(image.c_str());
+}
+
+// Identity, the switch to the top baud rate, programming mode and every block go over one
+// connection per device: the port is opened once per command, whichever form of flash it is.
+TEST(MultiFlash, EachDeviceIsOpenedOncePerCommand) {
+    std::string image = writeImage("image.bin", 2000);
+    std::string writtenA = tempPath("once_a.bin"), writtenB = tempPath("once_b.bin");
+    Devsim a("--serial ONCE-A --block-size 256 --image-out " + writtenA);
+    Devsim b("--serial ONCE-B --block-size 256 --max-baud 230400 --image-out " + writtenB);
+    ASSERT_FALSE(b.port().empty());
+    qwtest::OpenCounter opensA(a.port()), opensB(b.port());
+    ASSERT_TRUE(opensA.watching() && opensB.watching());
+
+    Result r = quelworks("flash " + a.port() + " " + image + " --max-baud --progress none");
+    EXPECT_EQ(r.code, 0) << r.err;
+    EXPECT_TRUE(contains(r.out, "line: switched to 115200 baud")) << r.out;
+    EXPECT_TRUE(contains(r.out, "in 8 blocks of 256 bytes")) << r.out;
+    EXPECT_EQ(opensA.count(), 1);
+
+    r = quelworks("flash " + image + " --max-baud --port " + a.port() + " --port " + b.port());
+    EXPECT_EQ(r.code, 0) << r.err;
+    EXPECT_EQ(opensA.count(), 2);
+    EXPECT_EQ(opensB.count(), 1);
+
+    r = quelworks("info " + b.port());
+    EXPECT_EQ(r.code, 0) << r.err;
+    EXPECT_TRUE(contains(r.out, "maximum baud rate:  230400")) << r.out;
+    EXPECT_EQ(opensB.count(), 2);
+
+    a.stop(SIGTERM);
+    b.stop(SIGTERM);
+    EXPECT_TRUE(sameFiles(image, writtenA));
+    EXPECT_TRUE(sameFiles(image, writtenB));
+    for (const std::string& file : {image, writtenA, writtenB}) std::remove(file.c_str());
 }
 
 TEST(MultiFlash, BadInputIsRefusedBeforeAnyDeviceIsFlashed) {

@@ -21,13 +21,13 @@
 #include <thread>
 #include <vector>
 
+#include "bootloader/boot_session.h"
 #include "bootloader/device_check.h"
 #include "command_error.h"
 #include "interrupt.h"
 #include "platform/port_name.h"
 #include "port_select.h"
 #include "progress.h"
-#include "quelworks/bootloader/bootloader.h"
 #include "quelworks/serial/port_details.h"
 #include "quelworks/serial/rs232.h"
 
@@ -86,8 +86,9 @@ std::string cannotOpen(const std::string& port, bool listed) {
            "is another program using it? do you have permission?)";
 }
 
-// Fails with a clear message unless the port exists, is a serial port and can be opened.
-void checkPort(const std::string& port) {
+// Fails with a clear message unless the port exists and is a serial port; true when the system
+// lists it as one.
+bool checkPortName(const std::string& port) {
     if (port.empty()) {
         throw CommandError(kExitPortUnavailable,
                            "no port given: the port name is empty (see 'quelworks ports')");
@@ -105,13 +106,7 @@ void checkPort(const std::string& port) {
     if (check.status == PortNameCheck::Status::NotSerial) {
         throw CommandError(kExitPortUnavailable, "'" + port + "' is not a serial port");
     }
-    RS232 link;
-    link.PortName(port.c_str());
-    if (!link.Connect()) {
-        throw CommandError(kExitPortUnavailable,
-                           cannotOpen(port, check.status == PortNameCheck::Status::Serial));
-    }
-    link.Disconnect();
+    return check.status == PortNameCheck::Status::Serial;
 }
 
 // How long to listen for a late reply after a time-out of `timeout` ms.
@@ -175,36 +170,50 @@ struct Identity {
     std::string serialNumber, description;
 };
 
-std::string takeString(char* text) {
-    std::string result = text != nullptr ? text : "";
-    std::free(text);
-    return result;
-}
-
-Identity readIdentity(Bootloader& boot) {
+Identity readIdentity(const BootConnection& boot) {
     Identity id;
-    boot.GetDeviceType(&id.deviceType);
-    boot.GetSubDeviceType(&id.subDeviceType);
-    boot.GetRevision(&id.revision);
-    boot.GetFirmwareVersion(&id.firmwareVersion);
-    boot.GetBootloaderVersion(&id.bootloaderVersion);
-    boot.GetMaxBaudrate(&id.maxBaudrate);
-    Bootloader::DeviceProgrammingState mode = Bootloader::NotInProgramMode;
-    boot.GetProgramMode(&mode);
-    id.inProgramMode = mode == Bootloader::InProgramMode;
-    char* text = nullptr;
-    if (boot.GetSerialNumber(&text)) id.serialNumber = takeString(text);
-    text = nullptr;
-    if (boot.GetDeviceDescription(&text)) id.description = takeString(text);
+    id.deviceType = boot.DeviceType();
+    id.subDeviceType = boot.SubDeviceType();
+    id.revision = boot.Revision();
+    id.firmwareVersion = boot.FirmwareVersion();
+    id.bootloaderVersion = boot.BootloaderVersion();
+    id.maxBaudrate = boot.MaxBaudrate();
+    id.inProgramMode = boot.InProgramMode();
+    id.serialNumber = boot.SerialNumber();
+    id.description = boot.Description();
     return id;
 }
 
-// Connects, reads the identity and explains a failure.
-std::unique_ptr<Bootloader> connectDevice(const DeviceOptions& options) {
-    checkPort(options.port);
-    auto boot = std::make_unique<Bootloader>(options.port.c_str(), options.timeout, true);
-    if (!boot->IsDeviceInfoAvailable()) diagnose(options.port, options.timeout, 9600);
+// Opens the device's port (once, for everything that follows until the connection goes),
+// drains it, reads the identity and explains a failure.
+std::unique_ptr<BootConnection> connectDevice(const std::string& port, int timeout) {
+    if (port.empty()) checkPortName(port);
+    auto boot = std::make_unique<BootConnection>(port.c_str(), timeout);
+    // Only a port that does not open is looked at more closely (looking opens it too).
+    if (!boot->IsOpen()) {
+        throw CommandError(kExitPortUnavailable, cannotOpen(port, checkPortName(port)));
+    }
+    boot->Drain();
+    if (!boot->AcquireDeviceInfo()) {
+        boot.reset();  // the diagnosis asks again on a connection of its own
+        diagnose(port, timeout, 9600);
+    }
     return boot;
+}
+
+// Switches the device and the open port to the device's maximum baud rate; returns that rate.
+std::uint32_t switchToMaxBaud(BootConnection& boot, const std::string& port) {
+    const std::string rate = std::to_string(boot.MaxBaudrate());
+    if (boot.SwitchToMaxBaudrate()) return static_cast<std::uint32_t>(boot.MaxBaudrate());
+    // Accepted by the device, but the port cannot run at that rate.
+    if (boot.Baudrate() == static_cast<std::uint32_t>(boot.MaxBaudrate()) &&
+        boot.Baudrate() != 9600) {
+        throw CommandError(kExitBaudSwitch, "the port " + port + " cannot be set to " + rate +
+                                                " baud, the device's maximum; flash without "
+                                                "--max-baud (and power-cycle the device)");
+    }
+    throw CommandError(kExitBaudSwitch, "the device refused to switch to its maximum baud rate (" +
+                                            rate + "); flash without --max-baud");
 }
 
 // Length of the well-formed UTF-8 sequence at text[at], or 0 if the bytes there are not one
@@ -315,7 +324,8 @@ void runPorts() {
 void printIdentity(const InfoOptions& options, const Identity& id);
 
 void runInfo(const InfoOptions& options) {
-    std::unique_ptr<Bootloader> boot = connectDevice(options);
+    std::unique_ptr<BootConnection> boot = connectDevice(options.port, options.timeout);
+    boot->Close();
     printIdentity(options, readIdentity(*boot));
 }
 
@@ -440,19 +450,14 @@ long long checkImage(const std::string& path) {
 
 void runFlash(const FlashOptions& options) {
     long long imageSize = checkImage(options.image);
-    std::unique_ptr<Bootloader> boot = connectDevice(options);
+    std::unique_ptr<BootConnection> boot = connectDevice(options.port, options.timeout);
     Identity id = readIdentity(*boot);
     std::printf("device: type %d, firmware %d, bootloader %d, serial %s\n", id.deviceType,
                 id.firmwareVersion, id.bootloaderVersion, printable(id.serialNumber).c_str());
 
     std::uint32_t baudrate = 9600;
     if (options.maxBaud) {
-        if (!boot->SwitchToMaxBaudrate()) {
-            throw CommandError(kExitBaudSwitch,
-                               "the device refused to switch to its maximum baud rate (" +
-                                   std::to_string(id.maxBaudrate) + "); flash without --max-baud");
-        }
-        baudrate = static_cast<std::uint32_t>(id.maxBaudrate);
+        baudrate = switchToMaxBaud(*boot, options.port);
         std::printf("line: switched to %u baud\n", baudrate);
     }
     if (!boot->EnterBootloader()) {
@@ -461,7 +466,7 @@ void runFlash(const FlashOptions& options) {
                                " did not enter programming mode (power-cycle it and try again, "
                                "or try a longer --timeout)");
     }
-    int blockSize = ReadBlockSize(options.port.c_str(), options.timeout, baudrate);
+    int blockSize = std::max(boot->BlockSize(), 0);
     long long blocks = blockSize > 0 ? (imageSize + blockSize - 1) / blockSize : 0;
     if (blockSize > 0) {
         std::printf("writing %lld bytes in %lld blocks of %d bytes\n", imageSize, blocks,
@@ -867,9 +872,7 @@ void flashOneDevice(DeviceRun& run, const FlashJob& job) {
     MultiDisplay& display = *job.display;
     try {
         display.event(run, "connecting", "connecting");
-        checkPort(run.port);
-        auto boot = std::make_unique<Bootloader>(run.port.c_str(), options.timeout, true);
-        if (!boot->IsDeviceInfoAvailable()) diagnose(run.port, options.timeout, 9600);
+        std::unique_ptr<BootConnection> boot = connectDevice(run.port, options.timeout);
         Identity id = readIdentity(*boot);
         std::string serial = printable(id.serialNumber);
         {
@@ -890,15 +893,7 @@ void flashOneDevice(DeviceRun& run, const FlashJob& job) {
             }
         }
         std::uint32_t baudrate = 9600;
-        if (options.maxBaud) {
-            if (!boot->SwitchToMaxBaudrate()) {
-                throw CommandError(kExitBaudSwitch,
-                                   "the device refused to switch to its maximum baud rate (" +
-                                       std::to_string(id.maxBaudrate) +
-                                       "); flash without --max-baud");
-            }
-            baudrate = static_cast<std::uint32_t>(id.maxBaudrate);
-        }
+        if (options.maxBaud) baudrate = switchToMaxBaud(*boot, run.port);
         if (job.stop->load()) {
             finishRun(run, DeviceRun::Result::Interrupted, kExitInterrupted,
                       "interrupted before writing: the device still holds its old firmware");
@@ -911,7 +906,7 @@ void flashOneDevice(DeviceRun& run, const FlashJob& job) {
                                "the device did not enter programming mode (power-cycle it and "
                                "try again, or try a longer --timeout)");
         }
-        int blockSize = ReadBlockSize(run.port.c_str(), options.timeout, baudrate);
+        int blockSize = std::max(boot->BlockSize(), 0);
         long long blocks = blockSize > 0 ? (job.imageSize + blockSize - 1) / blockSize : 0;
         run.total.store(job.imageSize);
         display.event(run, "writing",
@@ -1302,9 +1297,8 @@ void runInfoMany(const InfoOptions& options, const std::vector<std::string>& por
     for (std::size_t i = 0; i < ports.size(); ++i) {
         workers.emplace_back([&, i] {
             try {
-                InfoOptions one = options;
-                one.port = ports[i];
-                std::unique_ptr<Bootloader> boot = connectDevice(one);
+                std::unique_ptr<BootConnection> boot = connectDevice(ports[i], options.timeout);
+                boot->Close();
                 answers[i].id = readIdentity(*boot);
             } catch (const CommandError& e) {
                 answers[i].code = e.code();

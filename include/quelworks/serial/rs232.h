@@ -12,6 +12,11 @@
 #include "quelworks/serial/port_settings.h"
 #include "quelworks/util/rlist.h"
 
+namespace quelworks {
+/// Internal: changes the line settings of an already open link (not part of the interface).
+class LinkSettings;
+}  // namespace quelworks
+
 /// The synchronous serial port: every operation blocks the caller until done or timed out.
 class QUELWORKS_API RS232 : public Communicator {
 public:
@@ -63,6 +68,8 @@ public:
 private:
     /// The asynchronous link reaches into its own port to interrupt a blocked read.
     friend class RS232Async;
+    /// The bootloader's one-connection flash changes the baud rate of the open port.
+    friend class quelworks::LinkSettings;
 
     bool OpenPort(char* name);
     bool ConfigurePort(unsigned long baudRate, unsigned char byteSize, unsigned long parityCheck,
