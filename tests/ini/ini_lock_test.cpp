@@ -139,10 +139,10 @@ namespace {
 const int childJob = [] {
     const char* job = std::getenv("QW_INI_LOCK_CHILD");
     if (job == nullptr) return 0;
-    std::string spec(job);
-    std::size_t bar = spec.find('|');
-    std::string kind = spec.substr(0, bar);
-    std::string rest = spec.substr(bar + 1);
+    std::string order(job);
+    std::size_t bar = order.find('|');
+    std::string kind = order.substr(0, bar);
+    std::string rest = order.substr(bar + 1);
     if (kind == "hold") {
         HANDLE lock = CreateFileA((rest + ".lock").c_str(), GENERIC_READ | DELETE, 0, nullptr,
                                   OPEN_ALWAYS, FILE_FLAG_DELETE_ON_CLOSE, nullptr);
