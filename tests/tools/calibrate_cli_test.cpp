@@ -17,22 +17,11 @@
 
 #include "quelworks/geometry/coordinate_transformation.h"
 
+#include "tool_test_util.h"
+
 namespace {
 
-std::string tempPath(const std::string& name) {
-    return ::testing::TempDir() + "qw_calibrate_" + std::to_string(::getpid()) + "_" + name;
-}
-
-std::string readFile(const std::string& path) {
-    std::stringstream text;
-    text << std::ifstream(path, std::ios::binary).rdbuf();
-    return text.str();
-}
-
-struct Result {
-    int code;
-    std::string out, err;
-};
+using namespace qwtest;
 
 // Runs the quelworks program with these shell words (standard input from `input`, if given).
 Result quelworks(const std::string& args, const std::string& input = "") {

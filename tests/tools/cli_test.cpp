@@ -16,38 +16,17 @@
 #include <string>
 #include <vector>
 
+#include "tool_test_util.h"
+
 namespace {
 
-std::string tempPath(const std::string& name) {
-    return ::testing::TempDir() + "qw_cli_" + std::to_string(::getpid()) + "_" + name;
-}
-
-std::string readFile(const std::string& path) {
-    std::stringstream text;
-    text << std::ifstream(path, std::ios::binary).rdbuf();
-    return text.str();
-}
-
-std::string writeImage(const std::string& name, std::size_t size) {
-    std::string path = tempPath(name);
-    std::system(("head -c " + std::to_string(size) + " /dev/urandom >" + path).c_str());
-    return path;
-}
+using namespace qwtest;
 
 std::string replaced(std::string text, const std::string& from, const std::string& to) {
     for (std::size_t at; (at = text.find(from)) != std::string::npos;)
         text.replace(at, from.size(), to);
     return text;
 }
-
-int exitCode(int status) {
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
-struct Result {
-    int code;
-    std::string out, err;
-};
 
 // Runs the quelworks program with these shell words to its end (killed after a minute).
 Result quelworks(const std::string& args) {
@@ -59,34 +38,6 @@ Result quelworks(const std::string& args) {
     std::remove(err.c_str());
     return result;
 }
-
-// The quelworks-devsim program with these shell words; it prints its port on its first line.
-class Devsim {
-public:
-    explicit Devsim(const std::string& options) {
-        pipe_ = ::popen(("echo $$; exec " QW_DEVSIM_PATH " " + options).c_str(), "r");
-        char line[256] = {};
-        if (pipe_ != nullptr && std::fgets(line, sizeof line, pipe_) != nullptr)
-            pid_ = std::atoi(line);
-        if (pid_ > 0 && std::fgets(line, sizeof line, pipe_) != nullptr) port_ = line;
-        if (!port_.empty() && port_.back() == '\n') port_.pop_back();
-    }
-    ~Devsim() { stop(SIGTERM); }
-    const std::string& port() const { return port_; }
-    // Stops the program with a signal and returns its exit code.
-    int stop(int signal) {
-        if (pipe_ == nullptr) return -1;
-        if (pid_ > 0) ::kill(pid_, signal);
-        int status = ::pclose(pipe_);
-        pipe_ = nullptr;
-        return exitCode(status);
-    }
-
-private:
-    std::FILE* pipe_ = nullptr;
-    pid_t pid_ = -1;
-    std::string port_;
-};
 
 TEST(Cli, FlashWritesTheImageByteForByte) {
     std::string written = tempPath("written.bin"), image = writeImage("image.bin", 5000);

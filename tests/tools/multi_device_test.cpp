@@ -18,30 +18,14 @@
 
 #include "support/open_counter.h"
 
+#include "tool_test_util.h"
+
 namespace {
 
-std::string tempPath(const std::string& name) {
-    return ::testing::TempDir() + "qw_multi_" + std::to_string(::getpid()) + "_" + name;
-}
-
-std::string readFile(const std::string& path) {
-    std::stringstream text;
-    text << std::ifstream(path, std::ios::binary).rdbuf();
-    return text.str();
-}
-
-std::string writeImage(const std::string& name, std::size_t size) {
-    std::string path = tempPath(name);
-    std::system(("head -c " + std::to_string(size) + " /dev/urandom >" + path).c_str());
-    return path;
-}
+using namespace qwtest;
 
 bool sameFiles(const std::string& a, const std::string& b) {
     return std::system(("cmp -s " + a + " " + b).c_str()) == 0;
-}
-
-int exitCode(int status) {
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 // The line of `text` that starts with `start`; empty if there is none.
@@ -107,43 +91,11 @@ private:
     std::string out_, err_;
 };
 
-struct Result {
-    int code;
-    std::string out, err;
-};
-
 Result quelworks(const std::string& args) {
     Background run(QW_CLI_PATH " " + args + " </dev/null");
     int code = run.wait();
     return {code, run.out(), run.err()};
 }
-
-// The quelworks-devsim program with these shell words; it prints its port on its first line.
-class Devsim {
-public:
-    explicit Devsim(const std::string& options) {
-        pipe_ = ::popen(("echo $$; exec " QW_DEVSIM_PATH " " + options).c_str(), "r");
-        char line[256] = {};
-        if (pipe_ != nullptr && std::fgets(line, sizeof line, pipe_) != nullptr)
-            pid_ = std::atoi(line);
-        if (pid_ > 0 && std::fgets(line, sizeof line, pipe_) != nullptr) port_ = line;
-        if (!port_.empty() && port_.back() == '\n') port_.pop_back();
-    }
-    ~Devsim() { stop(SIGTERM); }
-    const std::string& port() const { return port_; }
-    int stop(int signal) {
-        if (pipe_ == nullptr) return -1;
-        if (pid_ > 0) ::kill(pid_, signal);
-        int status = ::pclose(pipe_);
-        pipe_ = nullptr;
-        return exitCode(status);
-    }
-
-private:
-    std::FILE* pipe_ = nullptr;
-    pid_t pid_ = -1;
-    std::string port_;
-};
 
 TEST(MultiFlash, FourDevicesAtOnceAndTheSummarySaysWhichFailed) {
     std::string image = writeImage("image.bin", 6000);
