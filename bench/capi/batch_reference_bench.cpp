@@ -11,34 +11,14 @@
 #include "quelworks/geometry/polygon.h"
 #include "quelworks/quelworks_c.h"
 
+#include "capi_bench_data.h"
+
 namespace {
 
+using qwbench::points;
+using qwbench::polygon;
+
 constexpr int kPoints = 1000000;
-
-// The closed 16-gon of the C interface benchmark.
-std::vector<qw_point> polygon() {
-    std::vector<qw_point> p;
-    const float xs[] = {0, 40, 80, 120, 160, 160, 160, 160, 160, 120, 80, 40, 0, 0, 0, 0};
-    const float ys[] = {0, 10, 0, 10, 0, 40, 80, 120, 160, 150, 160, 150, 160, 120, 80, 40};
-    for (int i = 0; i < 16; ++i) p.push_back(qw_point{xs[i], ys[i]});
-    p.push_back(p.front());
-    return p;
-}
-
-// A linear congruential sequence, repeated exactly in the Python script.
-std::vector<qw_point> points(int n) {
-    std::vector<qw_point> out;
-    out.reserve(static_cast<std::size_t>(n));
-    std::uint32_t seed = 1;
-    for (int i = 0; i < n; ++i) {
-        seed = seed * 1103515245u + 12345u;
-        float x = static_cast<float>((seed >> 8) % 2000) / 10.0f - 20.0f;
-        seed = seed * 1103515245u + 12345u;
-        float y = static_cast<float>((seed >> 8) % 2000) / 10.0f - 20.0f;
-        out.push_back(qw_point{x, y});
-    }
-    return out;
-}
 
 // A 3 x 3 calibration grid, row by row: camera (10x, 10y) to device (21x + y, 19y - x).
 std::vector<qw_calibration_point> grid() {

@@ -10,7 +10,12 @@
 #include "quelworks/quelworks_c.h"
 #include "quelworks/serial/crc_ccitt.h"
 
+#include "capi_bench_data.h"
+
 namespace {
+
+using qwbench::points;
+using qwbench::polygon;
 
 unsigned char* block16() {
     static unsigned char data[16] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16};
@@ -65,29 +70,6 @@ void BM_Crc16_C_OneShot(benchmark::State& state) {
     }
 }
 BENCHMARK(BM_Crc16_C_OneShot);
-
-// A closed 16-gon and a grid of points around it.
-std::vector<qw_point> polygon() {
-    std::vector<qw_point> p;
-    const float xs[] = {0, 40, 80, 120, 160, 160, 160, 160, 160, 120, 80, 40, 0, 0, 0, 0};
-    const float ys[] = {0, 10, 0, 10, 0, 40, 80, 120, 160, 150, 160, 150, 160, 120, 80, 40};
-    for (int i = 0; i < 16; ++i) p.push_back(qw_point{xs[i], ys[i]});
-    p.push_back(p.front());
-    return p;
-}
-
-std::vector<qw_point> points(int n) {
-    std::vector<qw_point> out;
-    std::uint32_t seed = 1;
-    for (int i = 0; i < n; ++i) {
-        seed = seed * 1103515245u + 12345u;
-        float x = static_cast<float>((seed >> 8) % 2000) / 10.0f - 20.0f;
-        seed = seed * 1103515245u + 12345u;
-        float y = static_cast<float>((seed >> 8) % 2000) / 10.0f - 20.0f;
-        out.push_back(qw_point{x, y});
-    }
-    return out;
-}
 
 constexpr int kPoints = 10000;
 
